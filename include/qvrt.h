@@ -1,0 +1,530 @@
+/* qvrt.h: the exported interface of libqvrt12.so, a runtime support library for dynamic-analysis
+ * tools (collectors) that run inside the process of the program they analyse.
+ *
+ * Compiles alone as C11 and as C++17 or later. Everything here is ABI: names, argument widths, record
+ * layouts (natural alignment, x86-64 Linux). One section per subsystem:
+ *
+ *   1  Start-up, hooks, atomics      5  Memory collection and reserves
+ *   2  Spin locks, shared locks      6  XML files
+ *   3  Files, processes, strings     7  Message registry and message log
+ *   4  Categorised allocator
+ *
+ * Conventions, where a comment does not say otherwise:
+ *   - 1 is success and 0 is failure; ids and handles use 0xFFFFFFFF for none; pointers use null.
+ *   - Any function may be called from any thread once the thread-id hook is installed. Before that,
+ *     one thread only: the locks cannot tell threads apart.
+ *   - What comes from __QvMalloc is given back with __QvFree by whoever owns it. Strings passed in are
+ *     read during the call and copied if they are needed later.
+ *   - Running out of memory never shows as a null result: the library gives back reserves, collects,
+ *     and at last ends the process through the exit handler (status 255).
+ *   - Nothing is async-signal-safe, except the atomics and the bit scans.
+ *
+ * After fork() in a process with several threads, a lock that another thread held stays held in the
+ * child for ever. Safe in such a child: the atomics, the hooks, __QvXMLCleanupAfterFork, _exit and
+ * exec. Everything that locks (allocation, the log, containers with locks) is safe only if the parent
+ * made sure that no other thread was inside it, as a collector does with pthread_atfork. */
+#ifndef QVRT_H
+#define QVRT_H
+
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#define QV_API __attribute__((visibility("default")))
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ==== 1 Start-up, hooks, atomics ================================================================ */
+
+/* 0 until the first __QvRtStartup has finished, then 1 for the rest of the process. */
+extern QV_API int32_t __qvRtStarted;
+/* 1 until start-up, then the number of processors. Locks spin before they yield only if it is not 1. */
+extern QV_API int32_t __qvNumberOfProcessors;
+
+/* Starts the library; the first call counts the processors and registers the internal messages, later
+ * ones do nothing. Threads that call at once all return after the start. Install the hooks and call
+ * __QvInitializeSubAllocator first. Always returns QV_STARTUP_RESULT. */
+QV_API uint32_t __QvRtStartup(void);
+#define QV_STARTUP_RESULT 0x0C100002u
+/* Does nothing; it pairs with __QvRtStartup. */
+QV_API void __QvRtShutdown(void);
+
+/* ---- Hooks -------------------------------------------------------------------------------------
+ * The library asks the operating system for no thread id, process id or thread-local storage; they
+ * come from procs that the tool installs. Installing null uninstalls. The pointers are plain words
+ * without ordering: install them before the threads that use them run. Widths are those of the
+ * registers: arguments and results pass through unchanged. */
+typedef uint64_t (*QV_THREAD_ID_PROC)(void);
+typedef uint32_t (*QV_TLS_ALLOC_PROC)(void);
+typedef uint32_t (*QV_TLS_FREE_PROC)(uint32_t slot);
+typedef void* (*QV_TLS_GET_VALUE_PROC)(uint32_t slot);
+typedef uint32_t (*QV_TLS_SET_VALUE_PROC)(uint32_t slot, void* value);
+typedef uint32_t (*QV_GET_PID_PROC)(void);
+
+extern QV_API QV_THREAD_ID_PROC __qvGetCurrentThreadIdProc;
+extern QV_API QV_THREAD_ID_PROC __qvGetNativeThreadIdProc;
+extern QV_API QV_THREAD_ID_PROC __qvGetNativeParentThreadIdProc;
+extern QV_API QV_TLS_ALLOC_PROC __qvTlsAllocProc;
+extern QV_API QV_TLS_FREE_PROC __qvTlsFreeProc;
+extern QV_API QV_TLS_GET_VALUE_PROC __qvTlsGetValueProc;
+extern QV_API QV_TLS_SET_VALUE_PROC __qvTlsSetValueProc;
+
+QV_API void __QvSetGetCurrentThreadIdProc(QV_THREAD_ID_PROC proc);
+QV_API void __QvSetGetNativeThreadIdProc(QV_THREAD_ID_PROC proc);
+QV_API void __QvSetGetNativeParentThreadIdProc(QV_THREAD_ID_PROC proc);
+QV_API void __QvSetTlsAllocProc(QV_TLS_ALLOC_PROC proc);
+QV_API void __QvSetTlsFreeProc(QV_TLS_FREE_PROC proc);
+QV_API void __QvSetTlsGetValueProc(QV_TLS_GET_VALUE_PROC proc);
+QV_API void __QvSetTlsSetValueProc(QV_TLS_SET_VALUE_PROC proc);
+QV_API void __QvSetGetPidProc(QV_GET_PID_PROC proc);
+
+/* The queries call the hook, or answer as noted when none is installed. */
+QV_API uint64_t __QvGetCurrentThreadId(void);      /* the engine's id of this thread; 0 */
+QV_API uint64_t __QvGetNativeThreadId(void);       /* the system's id of this thread; 0. Its low 32 bits
+                                                      are the owner that the locks record */
+QV_API uint64_t __QvGetNativeParentThreadId(void); /* 0 */
+QV_API uint32_t __QvTlsAlloc(void);                /* a slot; 0xFFFFFFFF */
+QV_API uint32_t __QvTlsFree(uint32_t slot);        /* 0 */
+QV_API void* __QvTlsGetValue(uint32_t slot);       /* null */
+QV_API uint32_t __QvTlsSetValue(uint32_t slot, void* value); /* 0 */
+QV_API uint32_t __QvGetPid(void);                  /* 0xFFFFFFFF */
+
+/* Thread services, used by the command channel alone, which refuses to start unless all four are set.
+ *   create    starts a thread that runs function(argument), writes its handle into *handle, and
+ *             returns non-zero; 0 on failure. `reserved` is 0.
+ *   exit      called by that thread as its last act, with 0; does not return.
+ *   wait      returns when the thread of *handle has ended; the limit is 1000 in the engine's unit,
+ *             the exit-code pointer null.
+ *   add fini  has callback(argument) called when the application ends. */
+typedef void (*QV_THREAD_FUNCTION)(intptr_t argument);
+typedef uint32_t (*QV_CREATE_THREAD_PROC)(QV_THREAD_FUNCTION function, intptr_t argument,
+                                          uint64_t reserved, uint64_t* handle);
+typedef void (*QV_EXIT_THREAD_PROC)(int32_t exitCode);
+typedef uint32_t (*QV_WAIT_FOR_THREAD_PROC)(uint64_t* handle, uint32_t limit, int32_t* exitCode);
+typedef void (*QV_FINI_FUNCTION)(void* argument);
+typedef uint32_t (*QV_ADD_FINI_FUNCTION_PROC)(QV_FINI_FUNCTION callback, void* argument);
+
+/* Stores the four, null included, and returns 1. */
+QV_API uint32_t __QvSetThreadProcs(QV_CREATE_THREAD_PROC createThread, QV_EXIT_THREAD_PROC exitThread,
+                                   QV_WAIT_FOR_THREAD_PROC waitForThread,
+                                   QV_ADD_FINI_FUNCTION_PROC addFiniFunction);
+
+/* ---- Atomics -----------------------------------------------------------------------------------
+ * One locked instruction on a naturally aligned word, hence a full barrier; arithmetic wraps. Note
+ * the order of the compare-exchange: target, new value, expected value. It succeeded if the result
+ * equals the expected value. The twins named …Internal are the same. */
+QV_API uint32_t __QvInterlockedIncrement(volatile uint32_t* target); /* the new value */
+QV_API uint32_t __QvInterlockedDecrement(volatile uint32_t* target); /* the new value */
+QV_API uint32_t __QvInterlockedExchangeAdd(volatile uint32_t* target, uint32_t addend); /* the old */
+QV_API uint32_t __QvInterlockedCompareExchange(volatile uint32_t* target, uint32_t exchange,
+                                               uint32_t comparand); /* the value found */
+QV_API uint64_t __QvInterlockedCompareExchange64(volatile uint64_t* target, uint64_t exchange,
+                                                 uint64_t comparand); /* the value found */
+QV_API uint32_t __QvInterlockedIncrementInternal(volatile uint32_t* target);
+QV_API uint32_t __QvInterlockedDecrementInternal(volatile uint32_t* target);
+QV_API uint32_t __QvInterlockedExchangeAddInternal(volatile uint32_t* target, uint32_t addend);
+QV_API uint32_t __QvInterlockedCompareExchangeInternal(volatile uint32_t* target, uint32_t exchange,
+                                                       uint32_t comparand);
+QV_API uint64_t __QvInterlockedCompareExchange64Internal(volatile uint64_t* target, uint64_t exchange,
+                                                         uint64_t comparand);
+
+/* Index of the lowest or highest set bit. The argument must not be 0 (any result may come back). */
+QV_API uint32_t __QvGetLeastSignificantOneIndex(uint32_t bits);
+QV_API uint32_t __QvGetLeastSignificantOneIndexInternal(uint32_t bits);
+QV_API uint32_t __QvGetMostSignificantOneIndexInternal(uint32_t bits);
+QV_API uint32_t __QvGetMostSignificantOneIndexLong(uint64_t bits);
+
+/* Gives up the processor once; the result of sched_yield. */
+QV_API int32_t __QvYield(void);
+/* Yields units * 5,000,000 times (the product in 32 bits, so it wraps from 859 units). A delay in
+ * yields, not in time: it reads no clock. */
+QV_API void __QvSleep(uint32_t units);
+/* Bytes of a memory page; 4096 if the system cannot say. */
+QV_API uint32_t __QvGetNativePageSize(void);
+
+/* ==== 2 Locks =================================================================================== */
+
+/* ---- Spin locks --------------------------------------------------------------------------------
+ * A recursive lock embedded by value in the caller's record; it needs no destruction. Waiters spin,
+ * then yield; nothing blocks in the kernel. The owner is the native thread id, so install that hook
+ * before two threads meet at a lock. The fields are ABI: look, but write only through the calls.
+ *
+ * Without the hook every caller's id is 0, which is also the owner of a free lock. An acquisition by
+ * identity 0 then succeeds and leaves the record exactly as it was (if a thread with an id holds the
+ * lock, it first waits until that thread has left), so no lock is ever left held, and nothing is
+ * excluded: identity 0 is for the time when one thread runs. Once the hook is installed, the same
+ * lock works. */
+typedef struct QV_SPIN_LOCK {
+  uint64_t owner;          /* native thread id of the holder (low 32 bits); 0 when free */
+  uint32_t state;          /* 0 free, 1 held */
+  uint32_t recursionCount; /* acquisitions the holder has not yet released */
+  uint32_t spinCount;      /* busy probes between two yields while waiting */
+} QV_SPIN_LOCK;
+
+QV_API void __QvInitializeSpinLock(QV_SPIN_LOCK* lock); /* all fields 0 */
+QV_API void __QvInitializeSpinLockAndSpinCount(QV_SPIN_LOCK* lock, uint32_t spinCount);
+QV_API void __QvAcquireSpinLock(QV_SPIN_LOCK* lock);
+/* Bounded attempt, never yields: 1 if the caller now holds the lock, 0 after `budget` busy probes. A
+ * budget of 0, or a single processor, makes one attempt. */
+QV_API uint32_t __QvTryToAcquireSpinLock(QV_SPIN_LOCK* lock, uint32_t budget);
+/* Undoes one acquisition. Releasing a free lock does nothing; that the caller is the holder is not
+ * checked. */
+QV_API void __QvReleaseSpinLock(QV_SPIN_LOCK* lock);
+QV_API uint32_t __QvIsSpinLockInAcquiredState(const QV_SPIN_LOCK* lock); /* 1 if anybody holds it */
+QV_API uint32_t __QvIsSpinLockAcquiredByCallingThread(const QV_SPIN_LOCK* lock);
+
+/* ---- Shared/exclusive locks --------------------------------------------------------------------
+ * Many readers or one writer. The writer may nest, and may take shared access inside (a no-op).
+ * Readers may nest by counting, but a waiting writer holds back new readers: a thread that holds
+ * shared access and asks for it again behind a waiting writer waits for itself, so nest readers only
+ * where no writer can wait. A reader must not ask for exclusive access either. Identity 0 is treated
+ * as with spin locks. */
+typedef struct QV_SHARED_EXCLUSIVE_LOCK {
+  uint32_t state;          /* 0 free, 1 shared, 2 exclusive; first half of one aligned 64-bit word */
+  uint32_t readerCount;    /* threads in shared mode or on their way into it; the second half */
+  uint64_t owner;          /* native thread id of the writer; 0 when there is none */
+  uint32_t writerWaiting;  /* 1 while a blocking writer waits; new readers hold back */
+  uint32_t recursionCount; /* nesting depth of the writer */
+  uint32_t spinCount;      /* busy probes between two yields while waiting */
+} QV_SHARED_EXCLUSIVE_LOCK;
+
+QV_API void __QvInitializeSharedExclusiveLock(QV_SHARED_EXCLUSIVE_LOCK* lock);
+QV_API void __QvInitializeSharedExclusiveLockAndSpinCount(QV_SHARED_EXCLUSIVE_LOCK* lock,
+                                                          uint32_t spinCount);
+QV_API void __QvAcquireExclusiveLock(QV_SHARED_EXCLUSIVE_LOCK* lock);
+/* As __QvTryToAcquireSpinLock; it never makes readers hold back. */
+QV_API uint32_t __QvTryToAcquireExclusiveLock(QV_SHARED_EXCLUSIVE_LOCK* lock, uint32_t budget);
+QV_API void __QvReleaseExclusiveLock(QV_SHARED_EXCLUSIVE_LOCK* lock); /* not exclusive: does nothing */
+QV_API uint32_t __QvIsExclusiveLockAcquiredByCallingThread(const QV_SHARED_EXCLUSIVE_LOCK* lock);
+QV_API void __QvAcquireSharedLock(QV_SHARED_EXCLUSIVE_LOCK* lock);
+QV_API void __QvReleaseSharedLock(QV_SHARED_EXCLUSIVE_LOCK* lock);
+
+/* ==== 3 Files, processes, strings =============================================================== */
+
+/* Opens a stream that never sits on descriptor 0, 1 or 2, even where the program has closed those.
+ * *errorOut (may be null) receives errno, on success too. */
+QV_API FILE* __QvFopen(const char* path, const char* mode, int* errorOut);
+QV_API FILE* __QvWFopen(const wchar_t* path, const wchar_t* mode); /* not supported here: null */
+/* The stdio calls of the same names. */
+QV_API int __QvFclose(FILE* stream);
+QV_API int __QvFflush(FILE* stream);
+QV_API long __QvFtell(FILE* stream);
+QV_API int __QvFseek(FILE* stream, int64_t offset, int origin);
+QV_API size_t __QvFread(void* buffer, size_t elementSize, size_t count, FILE* stream);
+QV_API size_t __QvFwrite(const void* buffer, size_t elementSize, size_t count, FILE* stream);
+QV_API char* __QvFgets(char* buffer, uint32_t sizeBytes, FILE* stream);
+QV_API int __QvFprintf(FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/* In place: every run of '/' becomes one. Null does nothing. */
+QV_API void __QvSanitizePath(char* path);
+
+/* vsnprintf; the SC twins are the same as their plain ones, here and below. */
+QV_API int __QvSnprintf(char* buffer, size_t sizeBytes, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+QV_API int __QvSCnprintf(char* buffer, size_t sizeBytes, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+QV_API int __QvVsnprintf(char* buffer, size_t sizeBytes, const char* format, va_list arguments);
+/* strncpy of sizeBytes whose last byte is always NUL; returns the destination. */
+QV_API char* __QvStrncpy(char* destination, const char* source, size_t sizeBytes);
+QV_API char* __QvStrSCncpy(char* destination, const char* source, size_t sizeBytes);
+/* A copy in category 0 that the caller frees; null for null. */
+QV_API char* __QvStrdup(const char* text);
+/* Cuts trailing white space in place and returns the first character that is none; null for null. */
+QV_API char* __QvStripWhiteSpaces(char* text);
+/* What follows the last '/', as a new string in category 0 that the caller frees. A path that ends in
+ * '/' gives "", except that one character is its own base name. Null for an empty or null path. */
+QV_API char* __QvGetBaseName(const char* path);
+QV_API char* __QvGetSCBaseName(const char* path);
+/* In place, byte by byte, by the locale's single-byte lower case. Null does nothing. */
+QV_API void __QvConvertUtf8ToLowerCase(char* text);
+/* Adds step (0 counts as 1) to one process-wide counter, atomically; the new value. */
+QV_API uint64_t __QvUpdateTimestamp(int32_t step);
+
+/* A growable counted string. Its owner serialises access. The buffer grows and never shrinks. */
+typedef struct QV_STRING {
+  uint32_t length;   /* characters, without the NUL */
+  uint32_t capacity; /* bytes of the buffer */
+  uint32_t category; /* memory category of record and buffer */
+  char* buffer;      /* NUL-terminated text */
+} QV_STRING;
+
+/* Null text leaves a string as it was (a new one: empty). Text may point into the string itself. */
+QV_API QV_STRING* __QvStrAlloc(uint32_t category, uint32_t capacityBytes, const char* text);
+QV_API QV_STRING* __QvStrSet(QV_STRING* string, const char* text); /* replaces; returns the string */
+QV_API void __QvStrAppend(QV_STRING* string, const char* text);
+QV_API void __QvStrDestroy(QV_STRING* string); /* null does nothing */
+
+/* ---- Lock files --------------------------------------------------------------------------------
+ * A file whose first 8 bytes hold a value that processes read and write under a record lock over the
+ * whole file. Descriptors are the caller's. Record locks are between processes, not threads. A file
+ * that cannot be opened, read or written is fatal; failed locking is the caller's to handle. */
+QV_API int __QvCreateLockFile(const char* path, int truncate); /* created with 0777 less the umask */
+QV_API int __QvLockFile(int descriptor);   /* waits; the result of fcntl */
+QV_API int __QvUnlockFile(int descriptor); /* the result of fcntl */
+QV_API int64_t __QvWriteLockFile(int descriptor, const void* eightBytes); /* bytes written */
+QV_API int64_t __QvReadLockFile(int descriptor, void* eightBytes);        /* bytes read, 0 to 8 */
+QV_API int __QvCloseLockFile(int descriptor);                             /* the result of close */
+QV_API int __QvClose(int descriptor);
+
+/* Starts argv[0] with the null-terminated argv and an empty environment and does not wait. Returns the
+ * child's process id, which the caller may wait for, or -1 if there was no child. If the program
+ * cannot be executed, the child logs so and ends with status 127 without running exit functions. */
+QV_API int32_t __QvCreateProcess(char* const argv[]);
+
+/* ==== 4 Categorised allocator ===================================================================
+ * All memory comes from the tool's hooks and is carved into chunks of equal size: one pool per memory
+ * category and size class of 16 bytes. Requests above 32,728 bytes go straight to the hook. Each
+ * allocation is charged to a category, so that a tool sees which of its parts holds how much.
+ *
+ * Before __QvInitializeSubAllocator, allocations are served from anonymous pages that the library maps
+ * itself; they are recognised when released and never reach the tool's free hook. */
+
+/* Takes the sizes in bytes; returns a block aligned to 16 bytes, or null. Called under the allocator
+ * lock; it must not allocate from this library, but may call __QvAsynchronousCollectMemory. */
+typedef void* (*QV_ALLOCATE_PROC)(uint64_t sizeBytes);
+/* Takes back a block; may run under a size-class lock, so it must not call back into the allocator.
+ * Null is allowed: blocks are then never given back. */
+typedef void (*QV_FREE_PROC)(void* block);
+
+enum {
+  QV_MEMORY_CATEGORIES = 64,
+  QV_SIZE_CLASSES = 2046,      /* chunk sizes of one category, in units of 16 bytes from 1 */
+  QV_CHUNK_UNIT_BYTES = 16,
+  QV_SLAB_HEADER_UNITS = 3,
+  QV_LARGEST_SMALL_REQUEST = 32728,
+  QV_SLAB_MAGIC = 0xBEEF,
+  QV_LARGE_CHUNK_MARK = 0xBEEF
+};
+
+/* The head of a slab: a block of 2^(16 + slabSizeShift) - 16 bytes, cut into chunks of one class from
+ * byte 48 on. Each chunk starts with a header word; the caller's memory follows it:
+ *   allocated  the slab's address (even)
+ *   free       the next free chunk's address with bit 0 set; 1 in the last
+ *   large      QV_LARGE_CHUNK_MARK: a block of its own, without a slab */
+typedef struct QV_SLAB {
+  struct QV_SLAB* nextSlab;     /* slabs of the class that have a free chunk */
+  struct QV_SLAB* previousSlab; /* null in the first one */
+  void* freeList;               /* header word of the first free chunk, or null */
+  uint32_t freeCount;
+  uint32_t units; /* chunk size in units of 16 bytes */
+  uint32_t chunkCount;
+  uint16_t magic; /* QV_SLAB_MAGIC */
+  uint8_t category;
+  uint8_t slabSizeShift;
+} QV_SLAB;
+
+/* One record for each category and chunk size, at entry category * 2046 + (units - 1) of one block
+ * taken from the allocate hook. */
+typedef struct QV_SIZE_CLASS {
+  QV_SPIN_LOCK lock;  /* guards the slab list and the free lists of its slabs */
+  QV_SLAB* firstSlab; /* first slab with a free chunk, or null */
+  uint32_t units;
+} QV_SIZE_CLASS;
+
+typedef struct QV_MEMORY_CATEGORY_INFO {
+  char name[32];
+  int64_t bytesAllocated;       /* slab bytes held now */
+  int64_t bytesAllocatedAtPeak; /* the same when the total was last at a new peak */
+} QV_MEMORY_CATEGORY_INFO;
+
+/* The first memory call of the process; only the first call has an effect. A null allocate hook is
+ * ignored. If the hook cannot give the size-class table (5,237,760 bytes), a line on standard error
+ * says so and the process ends through the exit handler. */
+QV_API void __QvInitializeSubAllocator(QV_ALLOCATE_PROC allocateProc, QV_FREE_PROC freeProc);
+/* At least sizeBytes bytes, not cleared, never null, 8 bytes past a 16-byte boundary. category 0 to
+ * 63; slabSizeShift 0 to 15 is the size (64 KiB shifted left by it) of the slab to make if a new one
+ * is needed. Anything else, or a size above 0xFFFFFFE8, is a fatal tool defect. */
+QV_API void* __QvMalloc(uint32_t category, uint32_t sizeBytes, uint32_t slabSizeShift);
+/* Null does nothing. A small chunk released twice is reported in the log and left alone; a large block
+ * released twice is not detected. */
+QV_API void __QvFree(void* address);
+
+/* The new category's index, or -1: a null name (reported), or 64 categories exist. 31 characters of
+ * the name count. Category 0 is "QV_MISC". */
+QV_API int32_t __QvRegisterMemoryCategory(const char* name);
+/* Statistics count slabs, not single allocations and not large blocks. They cannot be switched off
+ * again. Switched on late, a figure stays at 0 instead of going below it. */
+QV_API void __QvEnableMemoryStatisticsCollection(void);
+QV_API uint32_t __QvGetNumMemoryCategories(void);
+QV_API uint64_t __QvGetTotalTimesMemoryCollected(void);
+QV_API uint64_t __QvGetPeakTotalMemoryAllocated(void); /* the present total if there was no peak yet */
+/* Fills *out and returns 1; 0 for a null out or an unknown index. Takes no lock. */
+QV_API uint32_t __QvGetMemoryInfoByCategory(uint32_t index, QV_MEMORY_CATEGORY_INFO* out);
+
+/* ==== 5 Memory collection and reserves ==========================================================
+ * When the allocate hook fails, the library gives back its reserves one by one and asks again; when
+ * free swap falls, or the engine asks, it has the tool's collectors release what they can. */
+
+enum { QV_RESERVE_BYTES = 33554416, QV_MEMORY_COLLECTORS = 16 };
+
+/* Runs on the thread that needs memory, under the allocator lock: it may allocate and free, must not
+ * wait for another thread. */
+typedef void (*QV_MEMORY_COLLECTOR)(void);
+
+/* Call after __QvInitializeSubAllocator; only the first call of either has an effect. It resets the
+ * statistics and takes up to reserveCount reserves of 33,554,416 bytes, stopping silently at the first
+ * refusal. Before __QvInitializeSubAllocator there is no hook to ask: no reserve is taken. */
+QV_API void __QvInitializeMemoryCollectorAndReserveMemory(uint32_t reserveCount);
+QV_API void __QvInitializeMemoryCollector(void); /* the same with a count of 0 */
+/* Collectors run in the order of registration. 0, or -1: null (reported), or 16 are registered. */
+QV_API int32_t __QvRegisterMemoryCollector(QV_MEMORY_COLLECTOR collector);
+/* The engine is out of memory and wants so many bytes. Does nothing before the initialisation above
+ * and while reserves are being given back. From inside the allocate hook it collects at once; from
+ * elsewhere it is __QvPreVirtualAllocCheck. */
+QV_API void __QvAsynchronousCollectMemory(uint64_t bytesWanted);
+/* The engine is about to reserve address space: proves that memory can still be had by allocating and
+ * releasing a probe, after a pause if need be, and warns once per process if it cannot. */
+QV_API void __QvPreVirtualAllocCheck(uint32_t bytesToReserve);
+/* Non-zero: the reservation worked. After 11 failures in a row the check above does nothing until a
+ * success. */
+QV_API void __QvPostVirtualAllocCheck(int32_t succeeded);
+/* Yields while a thread pauses inside __QvPreVirtualAllocCheck. */
+QV_API void __QvWaitForPreVirtualAllocThread(void);
+
+/* ==== 6 XML files ===============================================================================
+ * A streaming writer of indented XML. It keeps no stack of names: the caller names each closing tag
+ * and balances them (the depth stops at 0). Every line is begun, not ended: "\n" and one tab per
+ * level. The calls do not lock; threads that share a file bracket each entry with
+ * __QvXMLAcquireFile and __QvXMLReleaseFile. After creation nothing is allocated.
+ *
+ * A null file, name or text makes a call do nothing. */
+typedef struct QV_XML_FILE {
+  FILE* stream; /* null only after a close that lost the stream (see __QvXMLCloseFile) */
+  char* fileName;
+  uint32_t depth; /* tabs before the next line */
+  QV_SPIN_LOCK lock;
+  char scratch[65536]; /* escaped text and comments; the last byte is always NUL */
+} QV_XML_FILE;
+
+/* Null if the file cannot be opened. append 0 starts a new file with its two header lines; non-zero
+ * continues one, a level deep. */
+QV_API QV_XML_FILE* __QvXMLCreateFile(const char* fileName, int append);
+/* Closes the stream, frees record and name and clears *file. If what is buffered cannot be written or
+ * the descriptor is gone, everything stays as it is, so that nothing is lost unnoticed. */
+QV_API void __QvXMLCloseFile(QV_XML_FILE** file);
+/* For a child after fork: frees record and name and clears *file; leaves the stream alone. */
+QV_API void __QvXMLCleanupAfterFork(QV_XML_FILE** file);
+/* 1 if the stream still works or the file could be opened again for appending, else 0. */
+QV_API uint32_t __QvXMLReopenFile(QV_XML_FILE* file);
+QV_API void __QvXMLAcquireFile(QV_XML_FILE* file); /* recursive */
+QV_API void __QvXMLReleaseFile(QV_XML_FILE* file); /* flushes, then releases */
+
+/* Tags and attributes. Attribute values are written between single quotes as they are. */
+QV_API void __QvXMLWriteOpeningTag(QV_XML_FILE* file, const char* name);
+QV_API void __QvXMLStartWritingOpeningTag(QV_XML_FILE* file, const char* name);
+QV_API void __QvXMLWriteStringAttribute(QV_XML_FILE* file, const char* name, const char* value);
+QV_API void __QvXMLWriteIntegerAttribute(QV_XML_FILE* file, const char* name, int32_t value);
+QV_API void __QvXMLFinishWritingOpeningTag(QV_XML_FILE* file);
+QV_API void __QvXMLWriteClosingTag(QV_XML_FILE* file, const char* name);  /* on a line of its own */
+QV_API void __QvXMLAppendClosingTag(QV_XML_FILE* file, const char* name); /* on the current line */
+/* Text with the five characters " & ' < > escaped, cut at 65,535 bytes but never inside an entity. */
+QV_API void __QvXMLWriteStringValue(QV_XML_FILE* file, const char* text);
+QV_API void __QvXMLWriteStringElement(QV_XML_FILE* file, const char* name, const char* text);
+QV_API void __QvXMLWriteDecimalElement(QV_XML_FILE* file, const char* name, long value);
+QV_API void __QvXMLWriteLongDecimalElement(QV_XML_FILE* file, const char* name, int64_t value);
+/* 0x and the low 32 bits. */
+QV_API void __QvXMLWriteHexadecimalElement(QV_XML_FILE* file, const char* name, uint64_t value);
+QV_API void __QvXMLWriteHexadecimalAddressElement(QV_XML_FILE* file, const char* name,
+                                                  const void* address); /* as "%p" */
+/* A comment of at most 65,534 characters in which every run of '-' becomes one. */
+QV_API void __QvXMLWriteComment(QV_XML_FILE* file, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+QV_API void __QvXMLWriteCommentV(QV_XML_FILE* file, const char* format, va_list arguments);
+
+/* ==== 7 Message registry and message log ========================================================
+ * One XML log per process. A registered message becomes an element with its type, severity, time and
+ * named arguments; free text becomes a comment. Every entry is flushed before the call returns, so
+ * the log survives a crash. Entries logged before __QvRtStartup are dropped, and so are those whose
+ * file cannot be opened. */
+
+enum { QVLOG_SEVERITY_ERROR = 0, QVLOG_SEVERITY_WARNING = 1, QVLOG_SEVERITY_INFO = 2 };
+
+enum {
+  QVLOG_FLAG_FREE_TEXT = 1, /* no arguments; the text is a comment inside the element */
+  QVLOG_FLAG_COMMENT = 2,   /* no element at all, only a comment */
+  QVLOG_FLAG_NO_DISPLAY = 4 /* the element carries display='false' */
+};
+
+/* What precedes each argument value of a message. */
+enum {
+  QVLOG_ARG_STRING = 0x3EDE9134,  /* const char*; null is written as an empty value */
+  QVLOG_ARG_INTEGER = 0x4AFE0077, /* int32_t */
+  QVLOG_ARG_POINTER = 0x20FB6DE   /* const void* */
+};
+
+/* The two messages that exist from the start. */
+enum {
+  QVLOG_MSG_COMMENT = 0, /* a printf format and its values, written as a comment */
+  QVLOG_MSG_INTERNAL = 1 /* the same inside an element of type INTERNAL */
+};
+
+/* The library's own messages: registered, and these ids written, by __QvRtStartup; 0 until then. */
+extern QV_API uint32_t QVLOG_MSG_ABNORMAL_TERMINATE;
+extern QV_API uint32_t QVLOG_MSG_OUT_OF_MEMORY;
+extern QV_API uint32_t QVLOG_MSG_COLLECT_MEMORY;
+extern QV_API uint32_t QVLOG_MSG_MEMORY_IS_TIGHT;
+extern QV_API uint32_t QVLOG_MSG_FREEING_RESERVES;         /* "num_bytes" */
+extern QV_API uint32_t QVLOG_MSG_BAD_OPTION;               /* "option" */
+extern QV_API uint32_t QVLOG_MSG_BAD_ARGUMENT;             /* "option" */
+extern QV_API uint32_t QVLOG_MSG_FAIL_CONVERT_FILENAME;
+extern QV_API uint32_t QVLOG_MSG_FAIL_OPEN_FILE;           /* "filename" */
+extern QV_API uint32_t QVLOG_MSG_FAIL_SEEK_FILE;           /* "filename" */
+extern QV_API uint32_t QVLOG_MSG_FAIL_READ_FILE;           /* "filename" */
+extern QV_API uint32_t QVLOG_MSG_FAIL_READ_FILE_VERBOSE;   /* "filename", "srerror" */
+
+typedef struct QVLOG_MESSAGE {
+  const char* name;                 /* text of the type element */
+  const char* const* argumentNames; /* ended by null; null for no arguments */
+  uint32_t flags;
+  int32_t sourceHandle; /* 0 is the library itself; a negative one has an empty name */
+} QVLOG_MESSAGE;
+
+/* Copies the message into the table of 128 and returns its id, or 0xFFFFFFFF: the table is full, or
+ * (reported in the log) the message or its name is null or its source handle was never handed out.
+ * The library's own twelve take ids 2 to 13 when the tool registers nothing before start-up. */
+QV_API uint32_t __QvRegisterLogMessage2(const QVLOG_MESSAGE* message);
+QV_API uint32_t __QvRegisterLogMessage(const QVLOG_MESSAGE* message); /* the same */
+/* Called by start-up: 1 if all twelve were registered and their ids stored. After a success it changes
+ * nothing and returns 1. */
+QV_API uint32_t __QvRegisterInternalQVRTLogMessages(void);
+
+/* A handle (1 to 15) under which messages name their source; 0xFFFFFFFF for a null name, before the
+ * log is open, or when all are handed out. A released handle is not handed out again; messages that
+ * still use it are written with an empty source. */
+QV_API uint32_t __QvGetLoggerHandle(const char* sourceName);
+/* 1 if the handle was in use and its name begins sourceName; it waits for a thread that is writing
+ * that name. Handle 0 cannot be released. */
+QV_API uint32_t __QvReleaseLoggerHandle(int32_t handle, const char* sourceName);
+
+/* Opens the log. With append, the file must hold an open root element already. 1 if it is open. A
+ * second call moves the log to the new file; the former one stays open. */
+QV_API uint32_t __QvCreateLogger(const char* source, const char* fileName, uint32_t append);
+QV_API void __QvCloseLogger(void);      /* closes the root element, not the file */
+QV_API uint32_t __QvReopenLogger(void); /* 1 if the log is usable, reopened if it had to be */
+
+/* Writes one entry; without an open log, opens "qvlog.log" under the source "qvrt" first. What follows
+ * noDisplay depends on the message:
+ *   free text or comment (ids 0 and 1 among them): a printf format and its values;
+ *   any other: one marker (QVLOG_ARG_*) and value for each argument name, in order.
+ * An unregistered id makes the entry a comment with the next argument as its format. */
+QV_API void __QvLogInternal(uint32_t severity, uint32_t messageId, uint32_t noDisplay, ...);
+/* Logs the text as an INTERNAL error, then __QvFatalExit(-1). */
+QV_API void __QvLogFatalToolDefect(const char* format, ...)
+    __attribute__((format(printf, 1, 2), noreturn));
+/* Logs ABNORMAL_TERMINATE, then __QvExitHandler(code). */
+QV_API void __QvFatalExit(int32_t code) __attribute__((noreturn));
+
+/* A function that ends the process the engine's way; null removes it. */
+typedef void (*QV_EXIT_HANDLER)(int32_t code);
+QV_API void __QvSetExitHandler(QV_EXIT_HANDLER handler);
+/* Calls the handler; if it returns or there is none, _exit(-1), which is status 255. */
+QV_API void __QvExitHandler(int32_t code) __attribute__((noreturn));
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QVRT_H */

@@ -1,0 +1,322 @@
+// The message log: opening, entries, and the exported calls. Design: log/message_log.h.
+#include "log/message_log.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <stdio.h>
+#include <stdio_ext.h>
+#include <string.h>
+#include <time.h>
+
+#include "log/registry.h"
+#include "log/report.h"
+#include "memory/allocate.h"
+#include "runtime/lock_order.h"
+#include "runtime/startup.h"
+#include "xml/xml_file.h"
+
+namespace qv {
+namespace {
+
+constexpr char kDefaultSource[] = "qvrt";
+constexpr char kDefaultFile[] = "qvlog.log";
+constexpr char kRootTag[] = "log";
+constexpr size_t kTimeBytes = 26;    // what asctime_r fills
+constexpr size_t kNumberBytes = 256;
+
+// The memory of a log before it has a stream.
+struct LogParts {
+  QV_XML_FILE* record;
+  char* fileName;
+};
+
+// Process-wide state.
+constinit QV_XML_FILE* g_logger = nullptr;
+constinit uint32_t g_creationGuard = 0;
+constinit LogParts g_spare = {};  // for the log that opens itself; written by start-up
+constinit uint32_t g_nextEntryId = 1;
+constinit uint32_t g_depthBetweenEntries = 1;
+constinit time_t g_timeSecond = -1;  // the second that g_timeText names
+constinit char g_timeText[kTimeBytes] = "";
+
+LogParts NewLogParts(const char* fileName) {
+  return {static_cast<QV_XML_FILE*>(Allocate(kMisc, sizeof(QV_XML_FILE))), NewXmlFileName(fileName)};
+}
+
+// Creation guard held. Makes the parts the logger; false if the file cannot be opened.
+bool OpenLogGuarded(const LogParts& parts, const char* source, bool append) {
+  FILE* const stream = OpenXmlStream(parts.fileName, append);
+  if (stream == nullptr) return false;
+  QV_XML_FILE& log = *parts.record;
+  InitializeXmlFile(log, stream, parts.fileName, append);
+  if (!append) {
+    const StreamLock lock(stream);
+    PutStartOfTag(log, kRootTag);
+    PutAttribute(log, "version", "2.0");
+    PutAttribute(log, "source", source);
+    PutLiteral(stream, ">");
+    log.depth++;
+    fflush_unlocked(stream);
+  }
+  StoreRelease(g_logger, &log);
+  return true;
+}
+
+// The logger, opened first if need be; null if it cannot be.
+QV_XML_FILE* EnsureLogger() {
+  QV_XML_FILE* log = LoadAcquire(g_logger);
+  if (QV_LIKELY(log != nullptr) || !Started()) return log;
+  const GuardWord guard(g_creationGuard);
+  log = LoadAcquire(g_logger);
+  if (log != nullptr) return log;  // another thread opened it while we waited
+  if (!OpenLogGuarded(g_spare, kDefaultSource, false)) return nullptr;
+  g_spare = {};
+  return g_logger;
+}
+
+// The scope of one entry: the log's locks, held until the entry is flushed.
+class LogEntry : NonCopyable {
+ public:
+  explicit LogEntry(QV_XML_FILE& log) : guard_(log.lock), stream_(log.stream), log_(log) {
+    g_depthBetweenEntries = log.depth;
+  }
+  ~LogEntry() { fflush_unlocked(log_.stream); }
+
+ private:
+  const SpinGuard<LockRank::kLog> guard_;
+  const StreamLock stream_;
+  QV_XML_FILE& log_;
+};
+
+// The local time in asctime's form without its newline. Kept for the second it names, under the log's
+// lock.
+const char* TimeTextOf(time_t now) {
+  if (g_timeSecond == now) return g_timeText;
+  g_timeSecond = now;
+  struct tm local;
+  if (localtime_r(&now, &local) == nullptr || asctime_r(&local, g_timeText) == nullptr) {
+    g_timeText[0] = 0;
+  }
+  for (size_t last = strlen(g_timeText); last-- > 1 && isspace(g_timeText[last]);) {
+    g_timeText[last] = 0;
+  }
+  return g_timeText;
+}
+
+const char* SeverityName(uint32_t severity) {
+  switch (severity) {
+    case QVLOG_SEVERITY_ERROR: return "ERROR";
+    case QVLOG_SEVERITY_WARNING: return "WARNING";
+    default: return "INFO";
+  }
+}
+
+void PutEscaped(QV_XML_FILE& log, const char* text) {
+  PutBytes(log.stream, log.scratch, EscapeIntoScratch(log, text));
+}
+
+void PutEscapedElement(QV_XML_FILE& log, const char* name, const char* text) {
+  PutElement(log, name, log.scratch, EscapeIntoScratch(log, text));
+}
+
+// The variable arguments of an entry, behind the fourth one. A record, so that callees advance it.
+struct ArgumentList {
+  va_list values;
+};
+
+void PutFormattedComment(QV_XML_FILE& log, uint64_t format, ArgumentList& rest) {
+  // Null, which no printf takes, is an empty text.
+  PutComment(log, format == 0 ? "" : reinterpret_cast<const char*>(format), rest.values);
+}
+
+// One value of the list, as text; null if the marker is none of ours.
+const char* NextValue(uint32_t marker, char (&buffer)[kNumberBytes], ArgumentList& rest) {
+  switch (marker) {
+    case QVLOG_ARG_STRING: {
+      const char* const text = va_arg(rest.values, const char*);
+      return text == nullptr ? "" : text;
+    }
+    case QVLOG_ARG_INTEGER:
+      snprintf(buffer, sizeof buffer, "%d", va_arg(rest.values, int));
+      return buffer;
+    case QVLOG_ARG_POINTER:
+      snprintf(buffer, sizeof buffer, "%p", va_arg(rest.values, void*));
+      return buffer;
+    default: return nullptr;
+  }
+}
+
+// One (marker, value) pair per name. From an unknown marker on, values are empty and nothing more is
+// taken from the list.
+void PutArguments(QV_XML_FILE& log, const char* const* names, uint64_t fourth, ArgumentList& rest) {
+  uint32_t marker = uint32_t(fourth);
+  bool readable = true;
+  for (; names != nullptr && *names != nullptr; names++) {
+    char buffer[kNumberBytes];
+    const char* const value = readable ? NextValue(marker, buffer, rest) : nullptr;
+    readable = value != nullptr;
+    PutStartOfTag(log, "arg");
+    PutAttribute(log, "name", *names);
+    PutLiteral(log.stream, ">");
+    PutEscaped(log, readable ? value : "");
+    PutEndOfElement(log, "arg");
+    if (readable && names[1] != nullptr) marker = va_arg(rest.values, uint32_t);
+  }
+}
+
+void PutOpeningOfMessage(QV_XML_FILE& log, const QVLOG_MESSAGE& message, bool noDisplay) {
+  char id[16];
+  snprintf(id, sizeof id, "%d", int(g_nextEntryId++));
+  PutStartOfTag(log, "msg");
+  PutAttribute(log, "id", id);
+  if (noDisplay) PutAttribute(log, "display", "false");
+  const SourceName source(message.sourceHandle);
+  PutAttribute(log, "source", source.Text());
+  PutLiteral(log.stream, ">");
+  log.depth++;
+}
+
+// When the library's own messages could not be registered, their ids are the comment's, and what then
+// looks like a format may be a marker. Writes the value if so; false if it is a format after all.
+bool PutUnregistered(QV_XML_FILE& log, uint64_t fourth, ArgumentList& rest) {
+  char buffer[kNumberBytes];
+  const char* const value = fourth <= UINT32_MAX ? NextValue(uint32_t(fourth), buffer, rest) : nullptr;
+  if (value == nullptr) return false;
+  BeginLine(log);
+  PutLiteral(log.stream, "<!-- A message that could not be registered: ");
+  PutEscaped(log, value);
+  PutLiteral(log.stream, " -->");
+  return true;
+}
+
+// What an entry is called with.
+struct EntryCall {
+  uint32_t severity;
+  uint32_t messageId;
+  bool noDisplay;
+  uint64_t fourth;  // a format, or the first marker in its low half
+};
+
+void PutMessage(QV_XML_FILE& log, const QVLOG_MESSAGE& message, const EntryCall& call, time_t now,
+                ArgumentList& rest) {
+  const bool noDisplay = call.noDisplay || (message.flags & QVLOG_FLAG_NO_DISPLAY) != 0;
+  PutOpeningOfMessage(log, message, noDisplay);
+  PutEscapedElement(log, "type", message.name);
+  PutEscapedElement(log, "severity", SeverityName(call.severity));
+  PutEscapedElement(log, "timestamp", TimeTextOf(now));
+  if ((message.flags & QVLOG_FLAG_FREE_TEXT) != 0) {
+    PutFormattedComment(log, call.fourth, rest);
+  } else {
+    PutArguments(log, message.argumentNames, call.fourth, rest);
+  }
+  PutClosingTag(log, "msg");
+}
+
+void WriteLogMessage(const EntryCall& call, ArgumentList& rest) {
+  const int savedErrno = errno;  // the caller may be about to look at it
+  const time_t now = time(nullptr);
+  QV_XML_FILE* const log = EnsureLogger();
+  if (log != nullptr) {
+    const LogEntry entry(*log);
+    const QVLOG_MESSAGE* const message = FindMessage(call.messageId);
+    if (message != nullptr && (message->flags & QVLOG_FLAG_COMMENT) == 0) {
+      PutMessage(*log, *message, call, now, rest);
+    } else if (!(InternalRegistrationFailed() && PutUnregistered(*log, call.fourth, rest))) {
+      PutFormattedComment(*log, call.fourth, rest);
+    }
+  }
+  errno = savedErrno;
+}
+
+uint64_t Word(const char* format) { return reinterpret_cast<uint64_t>(format); }
+
+}  // namespace
+
+void PrepareLog() {
+  if (g_spare.record == nullptr) g_spare = NewLogParts(kDefaultFile);
+}
+
+bool LoggerExists() { return LoadAcquire(g_logger) != nullptr; }
+
+void ResetLogAfterFork() {
+  g_creationGuard = 0;
+  if (g_logger == nullptr || g_logger->lock.state == 0) return;
+  __fpurge(g_logger->stream);
+  g_logger->depth = g_depthBetweenEntries;
+  SpinInitialize(g_logger->lock, kXmlSpinCount);
+}
+
+// A message without arguments needs nothing behind noDisplay; what is read there is then not used.
+void Log(uint32_t severity, uint32_t messageId, ...) {
+  ArgumentList rest;
+  va_start(rest.values, messageId);
+  const uint64_t fourth = va_arg(rest.values, uint64_t);
+  WriteLogMessage({severity, messageId, false, fourth}, rest);
+  va_end(rest.values);
+}
+
+void LogComment(const char* format, ...) {
+  ArgumentList rest;
+  va_start(rest.values, format);
+  WriteLogMessage({QVLOG_SEVERITY_INFO, QVLOG_MSG_COMMENT, false, Word(format)}, rest);
+  va_end(rest.values);
+}
+
+void LogError(const char* format, ...) {
+  ArgumentList rest;
+  va_start(rest.values, format);
+  WriteLogMessage({QVLOG_SEVERITY_ERROR, QVLOG_MSG_INTERNAL, false, Word(format)}, rest);
+  va_end(rest.values);
+}
+
+void LogFatalToolDefect(const char* format, ...) {
+  ArgumentList rest;
+  va_start(rest.values, format);
+  WriteLogMessage({QVLOG_SEVERITY_ERROR, QVLOG_MSG_INTERNAL, false, Word(format)}, rest);
+  va_end(rest.values);
+  FatalExit(-1);
+}
+
+}  // namespace qv
+
+void __QvLogInternal(uint32_t severity, uint32_t messageId, uint32_t noDisplay, ...) {
+  qv::ArgumentList rest;
+  va_start(rest.values, noDisplay);
+  const uint64_t fourth = va_arg(rest.values, uint64_t);
+  qv::WriteLogMessage({severity, messageId, noDisplay != 0, fourth}, rest);
+  va_end(rest.values);
+}
+
+void __QvLogFatalToolDefect(const char* format, ...) {
+  qv::ArgumentList rest;
+  va_start(rest.values, format);
+  qv::WriteLogMessage({QVLOG_SEVERITY_ERROR, QVLOG_MSG_INTERNAL, false, qv::Word(format)}, rest);
+  va_end(rest.values);
+  qv::FatalExit(-1);
+}
+
+uint32_t __QvCreateLogger(const char* source, const char* fileName, uint32_t append) {
+  if (source == nullptr || fileName == nullptr || !qv::Started()) return 0;
+  const qv::LogParts parts = qv::NewLogParts(fileName);  // before the guard, by (2)
+  {
+    const qv::GuardWord guard(qv::g_creationGuard);
+    if (qv::OpenLogGuarded(parts, source, append != 0)) return 1;
+  }
+  qv::Release(parts.fileName);
+  qv::Release(parts.record);
+  return 0;
+}
+
+void __QvCloseLogger() {
+  QV_XML_FILE* const log = qv::LoadAcquire(qv::g_logger);
+  if (log == nullptr) return;
+  const qv::LogEntry entry(*log);
+  qv::PutClosingTag(*log, qv::kRootTag);
+}
+
+uint32_t __QvReopenLogger() {
+  QV_XML_FILE* const log = qv::LoadAcquire(qv::g_logger);
+  if (log == nullptr || !qv::Started()) return 0;
+  const qv::SpinGuard<qv::LockRank::kLog> guard(log->lock);
+  return qv::ReopenXmlFile(*log) ? 1 : 0;
+}

@@ -1,0 +1,35 @@
+// The message log, inside view: one XML file per process into which every entry goes whole.
+//
+//   tab  <msg id='7' source='qvrt'>            id: sequence number of elements, comments take none
+//   tab tab  <type>BAD_OPTION</type>
+//   tab tab  <severity>ERROR</severity>
+//   tab tab  <timestamp>Tue Nov 24 14:41:50 2026</timestamp>
+//   tab tab  <arg name='option'>-x</arg>       or one comment, for free text
+//   tab  </msg>
+//
+// Invariants
+//  (1) The logger is published only when its root element has been written; until then its record
+//      belongs to the thread that holds the creation guard.
+//  (2) Whoever holds the creation guard allocates nothing and takes no ranked lock, so it never waits
+//      for a thread that wants to log while it holds a lock of the memory manager. The record and the
+//      name of the log that opens itself are taken at start-up; a tool's CreateLogger takes its own
+//      before the guard.
+//  (3) An entry is written under the file's spin lock (rank kLog) and flushed before that is released.
+//      Writing allocates nothing from this library and calls nothing that logs.
+//  (4) The sequence number and the cached time text change under that lock.
+#pragma once
+
+#include "runtime/base.h"
+
+namespace qv {
+
+// Takes the memory with which the log can open itself later, under any lock. Called by start-up.
+void PrepareLog();
+bool LoggerExists();
+
+// For the only thread of a child after fork: another thread of the parent may have been inside the log.
+// Drops its half-written entry from the child's copy of the buffer (the parent writes it) and frees the
+// locks it held.
+void ResetLogAfterFork();
+
+}  // namespace qv

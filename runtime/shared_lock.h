@@ -1,0 +1,100 @@
+// Shared/exclusive lock, inside view.
+//
+//   one aligned 64-bit word:   | state (low half) | readerCount (high half) |
+//
+// Invariants
+//  (1) state: 0 free, 1 shared, 2 exclusive. 0->1 by the first reader, 1->0 by the last one that
+//      leaves, 0->2 and 2->0 by a writer; always by compare-exchange.
+//  (2) readerCount counts threads in shared mode or on their way into it, so it may be above 0 while a
+//      writer holds the lock; state 1 with readerCount above 0 cannot end.
+//  (3) owner and recursionCount are written by the writer alone, between its two exchanges.
+//  (4) Identity 0 (no hook) never writes: it waits until there is no identified writer and passes.
+//
+// Readers count on the whole word, not on its half: an addition of 2^32 changes readerCount and tells
+// the state at that same moment, and every reader's release is an operation on the word that the next
+// writer exchanges. A lone reader needs one exchange to enter, (0,0)->(1,1), and one to leave,
+// (1,1)->(0,0): the same two words that a count followed by a change of state would leave, with
+// nothing in between that another thread could have used.
+#pragma once
+
+#include "runtime/checks.h"
+#include "runtime/hooks.h"
+#include "runtime/waiter.h"
+
+namespace qv {
+
+inline constexpr uint64_t kOneReader = uint64_t{1} << 32;
+inline constexpr uint64_t kSharedByOne = kOneReader | 1;
+
+QV_INLINE uint64_t& StateWord(QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  return *reinterpret_cast<uint64_t*>(&lock);
+}
+
+QV_COLD void ExclusiveAcquireSlow(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me);
+QV_COLD void SharedAcquireSlow(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me);
+QV_COLD void SharedReleaseSlow(QV_SHARED_EXCLUSIVE_LOCK& lock);
+
+QV_INLINE void ExclusiveOwn(QV_SHARED_EXCLUSIVE_LOCK& lock, uint64_t me) {
+  StoreRelaxed(lock.writerWaiting, 0u);
+  StoreRelaxed(lock.owner, me);
+  StoreRelaxed(lock.recursionCount, 1u);
+}
+
+// True if the caller is the writer already, or is nobody and passes.
+QV_INLINE bool ExclusiveReenter(QV_SHARED_EXCLUSIVE_LOCK& lock, uint64_t me) {
+  if (QV_LIKELY(LoadRelaxed(lock.owner) != me)) return false;
+  if (QV_LIKELY(me != 0)) StoreRelaxed(lock.recursionCount, lock.recursionCount + 1);
+  return true;
+}
+
+QV_INLINE void ExclusiveAcquire(QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  const uint32_t me = SelfId();
+  if (ExclusiveReenter(lock, me)) return;
+  if (QV_LIKELY(me != 0 && TryExchange(lock.state, 2u, 0u))) return ExclusiveOwn(lock, me);
+  ExclusiveAcquireSlow(lock, me);
+}
+
+// One attempt of a caller that does not wait at all; true if it now holds the lock.
+QV_INLINE bool ExclusiveTryOnce(QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  const uint32_t me = SelfId();
+  if (ExclusiveReenter(lock, me)) return true;
+  if (me == 0 || !TryExchange(lock.state, 2u, 0u)) return false;
+  ExclusiveOwn(lock, me);
+  return true;
+}
+
+QV_INLINE void ExclusiveRelease(QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  if (QV_UNLIKELY(LoadRelaxed(lock.state) != 2)) return;
+  const uint32_t count = LoadRelaxed(lock.recursionCount);
+  if (QV_UNLIKELY(count > 1)) return StoreRelaxed(lock.recursionCount, count - 1);
+  StoreRelaxed(lock.recursionCount, 0u);
+  StoreRelaxed(lock.owner, uint64_t{0});
+  TryExchange(lock.state, 0u, 2u);
+}
+
+QV_INLINE bool ExclusiveIsMine(const QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  return LoadRelaxed(lock.state) == 2 && LoadRelaxed(lock.owner) == SelfId();
+}
+
+QV_INLINE void SharedAcquire(QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  const uint32_t me = SelfId();
+  if (QV_UNLIKELY(LoadRelaxed(lock.owner) == me)) return;  // the writer, or nobody
+  if (QV_LIKELY(me != 0 && LoadRelaxed(lock.writerWaiting) == 0 &&
+                TryExchange(StateWord(lock), kSharedByOne, uint64_t{0}))) {
+    return;
+  }
+  SharedAcquireSlow(lock, me);
+}
+
+QV_INLINE void SharedRelease(QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  const uint32_t me = SelfId();
+  if (QV_UNLIKELY(LoadRelaxed(lock.owner) == me || me == 0)) return;  // matches the no-op above
+  if (QV_LIKELY(TryExchange(StateWord(lock), uint64_t{0}, kSharedByOne))) return;
+  SharedReleaseSlow(lock);
+}
+
+QV_INLINE void SharedInitialize(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t spinCount) {
+  lock = {0, 0, 0, 0, 0, spinCount};
+}
+
+}  // namespace qv

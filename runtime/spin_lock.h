@@ -1,0 +1,86 @@
+// Spin lock, inside view: the inlines behind the exported calls and behind the scope guards.
+// The library takes its locks through this header, never through its own exported names.
+//
+// Invariants
+//  (1) `state` moves 0->1 and 1->0 only: 0->1 by compare-exchange; 1->0 by compare-exchange, or by a
+//      releasing store of a holder that knows it holds the lock exactly once (the exchange could not
+//      fail there).
+//  (2) `owner` and `recursionCount` are written only by the thread that moved `state` to 1: after that
+//      exchange, before the one that frees it. Anyone may read `owner` at any time; a thread can find a
+//      stale id there, but its own only while it holds the lock.
+//  (3) Once the last release has completed, state, owner and recursionCount are all 0.
+//  (4) Identity 0 (no hook) never writes: it waits until no identified thread holds the lock and
+//      passes. Were it to count, a count would stay behind that no holder could undo.
+// Ordering: each exchange is a full barrier, so `owner` needs no order of its own; the relaxed access
+// only keeps it from tearing. Nothing here allocates or logs.
+#pragma once
+
+#include "runtime/checks.h"
+#include "runtime/hooks.h"
+#include "runtime/waiter.h"
+
+namespace qv {
+
+QV_COLD void SpinAcquireSlow(QV_SPIN_LOCK& lock, uint32_t me);  // returns holding it; not for id 0
+QV_COLD void SpinWaitUntilFree(const QV_SPIN_LOCK& lock);       // the whole acquisition of identity 0
+
+QV_INLINE void SpinOwn(QV_SPIN_LOCK& lock, uint64_t me) {
+  StoreRelaxed(lock.owner, me);
+  StoreRelaxed(lock.recursionCount, 1u);  // it was 0, by (3)
+}
+
+// True if the caller is inside already, or is nobody and passes.
+QV_INLINE bool SpinReenter(QV_SPIN_LOCK& lock, uint64_t me) {
+  if (QV_LIKELY(LoadRelaxed(lock.owner) != me)) return false;
+  if (QV_LIKELY(me != 0)) StoreRelaxed(lock.recursionCount, lock.recursionCount + 1);
+  return true;
+}
+
+QV_INLINE void SpinAcquire(QV_SPIN_LOCK& lock) {
+  const uint32_t me = SelfId();
+  if (SpinReenter(lock, me)) return;
+  if (QV_LIKELY(me != 0 && TryExchange(lock.state, 1u, 0u))) return SpinOwn(lock, me);
+  SpinAcquireSlow(lock, me);
+}
+
+QV_INLINE void SpinRelease(QV_SPIN_LOCK& lock) {
+  if (QV_UNLIKELY(LoadRelaxed(lock.state) != 1)) return;
+  const uint32_t count = LoadRelaxed(lock.recursionCount);
+  if (QV_UNLIKELY(count > 1)) return StoreRelaxed(lock.recursionCount, count - 1);
+  StoreRelaxed(lock.recursionCount, 0u);
+  StoreRelaxed(lock.owner, uint64_t{0});
+  TryExchange(lock.state, 0u, 1u);
+}
+
+QV_INLINE bool SpinIsMine(const QV_SPIN_LOCK& lock) {
+  return LoadRelaxed(lock.state) == 1 && LoadRelaxed(lock.owner) == SelfId();
+}
+
+QV_INLINE void SpinInitialize(QV_SPIN_LOCK& lock, uint32_t spinCount) { lock = {0, 0, 0, spinCount}; }
+
+// How an acquisition came about, for a holder that frees the lock by a store.
+enum class Hold : uint8_t { kPassed, kNested, kOnce };
+
+QV_INLINE Hold SpinAcquireKnowing(QV_SPIN_LOCK& lock) {
+  const uint32_t me = SelfId();
+  if (SpinReenter(lock, me)) return me == 0 ? Hold::kPassed : Hold::kNested;
+  if (QV_LIKELY(me != 0 && TryExchange(lock.state, 1u, 0u))) {
+    SpinOwn(lock, me);
+    return Hold::kOnce;
+  }
+  SpinAcquireSlow(lock, me);
+  return me == 0 ? Hold::kPassed : Hold::kOnce;
+}
+
+// Whatever ran in between has released what it acquired, so the first acquisition is the last again.
+QV_INLINE void SpinReleaseKnowing(QV_SPIN_LOCK& lock, Hold hold) {
+  if (QV_LIKELY(hold == Hold::kOnce)) {
+    StoreRelaxed(lock.recursionCount, 0u);
+    StoreRelaxed(lock.owner, uint64_t{0});
+    StoreRelease(lock.state, 0u);  // pairs with the exchange of the next holder
+  } else if (hold == Hold::kNested) {
+    StoreRelaxed(lock.recursionCount, lock.recursionCount - 1);
+  }
+}
+
+}  // namespace qv
