@@ -4,10 +4,11 @@
  * Compiles alone as C11 and as C++17 or later. Everything here is ABI: names, argument widths, record
  * layouts (natural alignment, x86-64 Linux). One section per subsystem:
  *
- *   1  Start-up, hooks, atomics      5  Memory collection and reserves
- *   2  Spin locks, shared locks      6  XML files
- *   3  Files, processes, strings     7  Message registry and message log
- *   4  Categorised allocator
+ *   1  Start-up, hooks, atomics      6  XML files
+ *   2  Locks                         7  Message registry and message log
+ *   3  Files, processes, strings     8  Command channel
+ *   4  Categorised allocator         9  Annotation tables
+ *   5  Memory collection, reserves  10  Modules and back traces
  *
  * Conventions, where a comment does not say otherwise:
  *   - 1 is success and 0 is failure; ids and handles use 0xFFFFFFFF for none; pointers use null.
@@ -523,8 +524,193 @@ QV_API void __QvSetExitHandler(QV_EXIT_HANDLER handler);
 /* Calls the handler; if it returns or there is none, _exit(-1), which is status 255. */
 QV_API void __QvExitHandler(int32_t code) __attribute__((noreturn));
 
+/* ==== 8 Command channel =========================================================================
+ * A controlling process of the same user steers the tool through a shared-memory area of five command
+ * records; a worker thread hands each to the tool's callback, or a heartbeat when none came for a number
+ * of seconds. The lock file "obkcmds.dat" in a directory of the tool's choice tells the controller where
+ * the area is. Layout and duties of a controller: docs/command-channel.md. */
+
+/* One command: five arguments, the first of them the code, and a payload. The library gives them no
+ * meaning. */
+enum { QV_COMMAND_RECORDS = 5, QV_COMMAND_PAYLOAD_BYTES = 4352 };
+typedef struct CommandRecord {
+  int32_t arguments[5];
+  unsigned char payload[QV_COMMAND_PAYLOAD_BYTES];
+} CommandRecord;
+
+/* The shared memory, 21,868 bytes. */
+typedef struct CommandArea {
+  uint32_t ready;  /* 1 once the tool has set the area up */
+  int32_t pending; /* filled records, 0 to 5 */
+  CommandRecord records[QV_COMMAND_RECORDS];
+} CommandArea;
+
+/* Runs on the worker, one call at a time, without a lock; code and arguments are the controller's. The
+ * payload is a private copy of 4,352 bytes, valid during the call; null with a heartbeat, whose code is
+ * QV_HEARTBEAT_CODE. It may call anything but the shut-down below, which waits for the worker. */
+typedef void (*QV_COMMAND_CALLBACK)(int code, int a2, int a3, int a4, int a5, unsigned char* payload,
+                                    void* context);
+enum { QV_HEARTBEAT_CODE = 0x11010 };
+
+typedef enum _QVCMDHDLRCLEANEXTENT {
+  QVCMDHDLR_CLEAN_ALL = 0,   /* everything; so does any value but 1 */
+  QVCMDHDLR_CLEAN_DETACH = 1 /* leave the semaphore and the lock file */
+} _QVCMDHDLRCLEANEXTENT;
+
+/* 1 if the channel is up. 0, with everything undone: a thread-service proc is missing, the thread or a
+ * kernel object could not be made, the callback is null, the path would pass 4,095 bytes (found before
+ * anything is created), the lock file's semaphore key is 0, or a worker serves the channel already. A
+ * null or empty directory is the current one. heartbeatSeconds 0: no heartbeats. The worker waits until
+ * set-up is over and ends if it failed; one started after a shut-down ends at its first wake-up. */
+QV_API int __QvRegisterCommandHandlerWithHeartbeat(const char* directory, QV_COMMAND_CALLBACK callback,
+                                                   void* context, int heartbeatSeconds);
+QV_API int __QvRegisterCommandHandler(const char* directory, QV_COMMAND_CALLBACK callback,
+                                      void* context);
+/* Stops the worker and waits for it; without a worker does nothing. Kernel objects and file stay. */
+QV_API void __QvShutdownCommandHandler(void);
+/* Removes kernel objects and lock file, as far as `extent` says. Shut the worker down first. */
+QV_API void __QvUnregisterCommandHandler(_QVCMDHDLRCLEANEXTENT extent);
+
+/* ==== 9 Annotation tables =======================================================================
+ * Tables that the compiler leaves in an image's ".ubq_notify_tab" section: the address of an
+ * instruction, a name, and where a value lives when it executes. The tool finds the section; the parser
+ * reads no byte outside it, whatever it holds. */
+
+typedef struct AnnotationRecord {
+  uint64_t address;
+  const char* name;                /* in the section, or the definition's */
+  const unsigned char* expression; /* DWARF location in the section; null for a definition */
+  uint32_t probeSize;
+  uint32_t hasLocation;   /* 1: the fields below mean something */
+  uint64_t locationValue; /* register number or literal */
+  uint32_t isRegister;    /* 1: a DWARF register number */
+  int32_t registerOffset; /* added to the register's content */
+} AnnotationRecord;
+
+/* The head of a table; its entries follow. Offsets count from the header's first byte; integers are
+ * little-endian and may lie unaligned. */
+typedef struct ZcaTableHeader11 {
+  char magic[16];   /* ".ubq_notify_tab" */
+  uint16_t version; /* 0x0101 */
+  uint16_t entryCount;
+  uint32_t stringOffset, stringBytes;
+  uint32_t expressionOffset, expressionBytes;
+} ZcaTableHeader11;
+
+typedef struct ZcaTableHeader12 {
+  char magic[16];
+  uint16_t version; /* 0x0102 */
+  uint16_t unused1;
+  uint16_t entryCount;
+  uint16_t unused2;
+  uint32_t stringOffset, stringBytes;
+  uint32_t expressionOffset, expressionBytes;
+  uint64_t flags; /* QV_ZCA_FLAG_* */
+} ZcaTableHeader12;
+
+/* The record is valid during the call. */
+typedef void (*QV_ANNOTATION_CALLBACK)(const AnnotationRecord* record, void* context);
+
+extern QV_API const uint64_t QV_ZCA_FLAG_PCREL; /* 1: addresses are relative to their table */
+extern QV_API const uint64_t QV_ZCA_FLAG_PROBE; /* 2: entries have a probe size */
+extern QV_API const uint64_t QV_ZCA_FLAG_32BIT; /* 4: addresses are sign-extended from 32 bits */
+
+/* Calls back for each entry, in order. What is wrong with a table is said in the log and ends the walk;
+ * entries that would leave the section are skipped and counted there. A null callback delivers nothing.
+ * No state, no allocation. */
+QV_API void __QvZCAParseAndProcessRecords(uint64_t imageBase, const unsigned char* section,
+                                          uint64_t sectionBytes, QV_ANNOTATION_CALLBACK callback,
+                                          void* context);
+
+typedef struct ZcaValue {
+  uint64_t value;
+  uint32_t reserved[2]; /* 0 */
+} ZcaValue;
+
+/* One line of a definitions file: name "module path" hexadecimal-offset [literal]. */
+typedef struct ZcaDefinition {
+  uint32_t offset; /* of the instruction from the module's load address */
+  char* name;      /* owned, as are the next ones; null if the line had none */
+  char* modulePath; /* without its quotes; empty if the field was too short to have two */
+  uint32_t hasValue;
+  ZcaValue* value;
+  struct ZcaDefinition* next;
+} ZcaDefinition;
+
+/* The definitions are one list per process, for one thread at a time; callbacks must not change it. */
+QV_API uint8_t __QvZCALoadExternalDefinitions(const char* path); /* 1 if the file could be read */
+/* Fills a zeroed definition; 1 if the line had exactly four fields. Cuts the line's trailing space. */
+QV_API int __QvZCAParseDefinition(char* line, ZcaDefinition* definition);
+/* Calls back for each definition of the module, whose path is compared with runs of '/' collapsed. */
+QV_API void __QvZCAProcessExternalRecords(const char* modulePath, uint64_t loadAddress,
+                                          QV_ANNOTATION_CALLBACK callback, void* context);
+QV_API void __QvZCACleanupDefinitions(void);
+
+/* ==== 10 Modules and back traces ================================================================
+ * The module table has no lock: the tool serialises loads, unloads and look-ups. */
+
+/* A record takes part in the levels of a skip list from 0 up to the top level of when it was loaded. */
+typedef struct ModuleRecord {
+  uint64_t handle; /* the caller's */
+  uint64_t start;  /* unique in the table */
+  uint64_t end;    /* exclusive */
+  struct ModuleRecord* forward[1]; /* the next record on each of its levels; the sentinel ends them */
+} ModuleRecord;
+
+/* The new record; the sentinel, which is no module, if one with this start exists already. Overlaps are
+ * not checked. Linear in the number of modules. */
+QV_API ModuleRecord* __QvLoadModule(uint64_t handle, uint64_t start, uint64_t end);
+QV_API void __QvUnloadModule(uint64_t handle, uint64_t start); /* the handle is not used */
+/* The start of the module with start < address < end, its handle in *handleOut (may be null); else 0 and
+ * nothing stored. A module that starts at 0 is told from none by its handle. Logarithmic, without a
+ * mispredicted branch; allocates nothing. */
+QV_API uint64_t __QvGetModuleForVariable(uint64_t address, uint64_t* handleOut);
+
+/* The mapping around an address, from the process's maps file (the process-id hook says whose): its
+ * start, and its end in *endOut. 0, and *endOut as it was, if there is none or endOut is null. */
+QV_API uint64_t __QvGetModuleAddressRange(uint64_t address, uint64_t* endOut);
+/* The size of that mapping, and its end in *baseOut: a stack's base. 0 and 0 if there is none. */
+QV_API uint64_t __QvGetThreadStackBaseAndSize(uint64_t address, uint64_t* baseOut);
+QV_API uint64_t __QvGetImageOffsetFromPreferredAddress(void); /* 0 on this platform */
+
+/* The calling thread's return addresses from startFrame on, into frames[25]; how many. 0 if startFrame is
+ * not among the innermost 25. The other arguments are not used. */
+QV_API uint16_t __QvCaptureStackBackTrace(uintptr_t unused1, uintptr_t unused2, uintptr_t unused3,
+                                          void* startFrame, uintptr_t unused5, void** frames);
+/* backtrace_symbols: one allocation that the caller gives to the system's free. */
+QV_API char** __QvGetStackBackTraceSymbols(void* const* frames, int count);
+QV_API void* __QvRtLoadImage(const char* path); /* dlopen with RTLD_NOW; null if it fails */
+QV_API void* __QvRtGetSymbol(void* image, const char* name); /* null for a null image too */
+
 #ifdef __cplusplus
 }
+
+/* The command channel as a class. The calls above work on theCommandHandler. */
+class QV_API CollectorCommandHandler {
+ public:
+  CommandArea* sharedArea;
+  char lockFilePath[4096];
+  QV_COMMAND_CALLBACK commandCallback;
+  void* callbackContext;
+  int lockFileDescriptor;
+  int sharedMemoryId;
+  int semaphoreId;
+
+  CollectorCommandHandler();
+  ~CollectorCommandHandler();
+  int initializeCommandHandler(const char* directory, QV_COMMAND_CALLBACK callback, void* context);
+  int createSharedMemoryAndLockFile(); /* 1: the lock file is left locked */
+  void destroySharedMemoryAndLockFile(_QVCMDHDLRCLEANEXTENT extent);
+  void cleanupCommandHandler(_QVCMDHDLRCLEANEXTENT extent);
+  int processCommands();  /* -1 no area, 0 nothing pending, 1 locked by another, 2 delivered */
+  int processHeartbeat(); /* -1 no area, 2 delivered */
+  int acquireLock();      /* 1 if it was free; never waits */
+  int releaseLock();      /* the result of flock */
+};
+extern QV_API CollectorCommandHandler theCommandHandler;
+
+/* open that never returns descriptor 0, 1 or 2. */
+QV_API int safeOpen(const char* path, int flags, int mode);
 #endif
 
 #endif /* QVRT_H */
