@@ -38,8 +38,8 @@ constexpr uint64_t kHeader11Bytes = 36;
 constexpr uint64_t kHeader12Bytes = 48;
 constexpr uint64_t kFlagPcRelative = 1, kFlagProbe = 2, kFlag32Bit = 4;
 
-// DWARF operations: three runs of 32.
-constexpr uint32_t kOpLit0 = 0x30, kOpReg0 = 0x50, kOpBreg0 = 0x70, kRun = 32;
+// DWARF operations: lit0 to lit31, reg0 to reg31 and breg0 to breg31 are three runs in a row.
+constexpr uint32_t kRun = 32, kOpLit0 = 0x30, kOpBreg0 = kOpLit0 + 2 * kRun;
 constexpr uint64_t kUnknownRegister = 0xFFFFFFFF;
 
 template <class T>
