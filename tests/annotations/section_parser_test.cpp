@@ -72,18 +72,14 @@ void Collect(const AnnotationRecord* record, void* context) {
   static_cast<std::vector<Seen>*>(context)->push_back({*record, record->name});
 }
 
-// The section's last byte stands right before a page that cannot be touched.
+// The section's last byte stands right before a page that cannot be touched. One section at a time.
 class GuardedSection {
  public:
   explicit GuardedSection(const Bytes& bytes) : size_(bytes.size()) {
-    pages_ = (size_ + 4095) / 4096 + 1;
-    base_ = static_cast<unsigned char*>(
-        mmap(nullptr, pages_ * 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    mprotect(base_ + (pages_ - 1) * 4096, 4096, PROT_NONE);
+    CHECK(size_ <= kRoom);
     memcpy(Data(), bytes.data(), size_);
   }
-  ~GuardedSection() { munmap(base_, pages_ * 4096); }
-  unsigned char* Data() const { return base_ + (pages_ - 1) * 4096 - size_; }
+  unsigned char* Data() const { return Room() + kRoom - size_; }
   std::vector<Seen> Parse(uint64_t base) const {
     std::vector<Seen> seen;
     __QvZCAParseAndProcessRecords(base, Data(), size_, Collect, &seen);
@@ -91,8 +87,18 @@ class GuardedSection {
   }
 
  private:
-  size_t size_, pages_;
-  unsigned char* base_;
+  static constexpr size_t kRoom = 16 * 4096;
+  static unsigned char* Map() {
+    void* const room =
+        mmap(nullptr, kRoom + 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    mprotect(static_cast<char*>(room) + kRoom, 4096, PROT_NONE);
+    return static_cast<unsigned char*>(room);
+  }
+  static unsigned char* Room() {
+    static unsigned char* const room = Map();
+    return room;
+  }
+  const size_t size_;
 };
 
 std::vector<std::string> Comments(const std::string& log) {

@@ -151,7 +151,7 @@ TEST(AddressRanges, MappingsAndStacksOfThisProcess) {
       threads.emplace_back([middle] {
         for (int n = 0; n < 200; n++) {
           uint64_t to = 0;
-          CHECK_EQ(__QvGetModuleAddressRange(middle, &to), middle - 4096 + 4096);
+          CHECK_EQ(__QvGetModuleAddressRange(middle + 1, &to), middle);
         }
       });
     }
