@@ -33,7 +33,7 @@ void QvHostFree(void* block);
 void QvHostSetCeiling(uint64_t bytes);
 
 /* Accounts, for tests and reports. */
-uint64_t QvHostBytesInUse(void);  /* requested bytes given out and not taken back */
+uint64_t QvHostBytesInUse(void); /* requested bytes given out and not taken back */
 uint64_t QvHostBlocksInUse(void);
 uint64_t QvHostBytesMapped(void); /* held from the system, in use or not */
 

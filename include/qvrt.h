@@ -91,7 +91,7 @@ QV_API uint32_t __QvTlsAlloc(void);                /* a slot; 0xFFFFFFFF */
 QV_API uint32_t __QvTlsFree(uint32_t slot);        /* 0 */
 QV_API void* __QvTlsGetValue(uint32_t slot);       /* null */
 QV_API uint32_t __QvTlsSetValue(uint32_t slot, void* value); /* 0 */
-QV_API uint32_t __QvGetPid(void);                  /* 0xFFFFFFFF */
+QV_API uint32_t __QvGetPid(void);                            /* 0xFFFFFFFF */
 
 /* Thread services, used by the command channel alone, which refuses to start unless all four are set.
  *   create    starts a thread that runs function(argument), writes its handle into *handle, and
@@ -263,8 +263,8 @@ QV_API void __QvStrDestroy(QV_STRING* string); /* null does nothing */
  * whole file. Descriptors are the caller's. Record locks are between processes, not threads. A file
  * that cannot be opened, read or written is fatal; failed locking is the caller's to handle. */
 QV_API int __QvCreateLockFile(const char* path, int truncate); /* created with 0777 less the umask */
-QV_API int __QvLockFile(int descriptor);   /* waits; the result of fcntl */
-QV_API int __QvUnlockFile(int descriptor); /* the result of fcntl */
+QV_API int __QvLockFile(int descriptor);                       /* waits; the result of fcntl */
+QV_API int __QvUnlockFile(int descriptor);                     /* the result of fcntl */
 QV_API int64_t __QvWriteLockFile(int descriptor, const void* eightBytes); /* bytes written */
 QV_API int64_t __QvReadLockFile(int descriptor, void* eightBytes);        /* bytes read, 0 to 8 */
 QV_API int __QvCloseLockFile(int descriptor);                             /* the result of close */
@@ -292,7 +292,7 @@ typedef void (*QV_FREE_PROC)(void* block);
 
 enum {
   QV_MEMORY_CATEGORIES = 64,
-  QV_SIZE_CLASSES = 2046,      /* chunk sizes of one category, in units of 16 bytes from 1 */
+  QV_SIZE_CLASSES = 2046, /* chunk sizes of one category, in units of 16 bytes from 1 */
   QV_CHUNK_UNIT_BYTES = 16,
   QV_SLAB_HEADER_UNITS = 3,
   QV_LARGEST_SMALL_REQUEST = 32728,
@@ -467,14 +467,14 @@ extern QV_API uint32_t QVLOG_MSG_ABNORMAL_TERMINATE;
 extern QV_API uint32_t QVLOG_MSG_OUT_OF_MEMORY;
 extern QV_API uint32_t QVLOG_MSG_COLLECT_MEMORY;
 extern QV_API uint32_t QVLOG_MSG_MEMORY_IS_TIGHT;
-extern QV_API uint32_t QVLOG_MSG_FREEING_RESERVES;         /* "num_bytes" */
-extern QV_API uint32_t QVLOG_MSG_BAD_OPTION;               /* "option" */
-extern QV_API uint32_t QVLOG_MSG_BAD_ARGUMENT;             /* "option" */
+extern QV_API uint32_t QVLOG_MSG_FREEING_RESERVES; /* "num_bytes" */
+extern QV_API uint32_t QVLOG_MSG_BAD_OPTION;       /* "option" */
+extern QV_API uint32_t QVLOG_MSG_BAD_ARGUMENT;     /* "option" */
 extern QV_API uint32_t QVLOG_MSG_FAIL_CONVERT_FILENAME;
-extern QV_API uint32_t QVLOG_MSG_FAIL_OPEN_FILE;           /* "filename" */
-extern QV_API uint32_t QVLOG_MSG_FAIL_SEEK_FILE;           /* "filename" */
-extern QV_API uint32_t QVLOG_MSG_FAIL_READ_FILE;           /* "filename" */
-extern QV_API uint32_t QVLOG_MSG_FAIL_READ_FILE_VERBOSE;   /* "filename", "srerror" */
+extern QV_API uint32_t QVLOG_MSG_FAIL_OPEN_FILE;         /* "filename" */
+extern QV_API uint32_t QVLOG_MSG_FAIL_SEEK_FILE;         /* "filename" */
+extern QV_API uint32_t QVLOG_MSG_FAIL_READ_FILE;         /* "filename" */
+extern QV_API uint32_t QVLOG_MSG_FAIL_READ_FILE_VERBOSE; /* "filename", "srerror" */
 
 typedef struct QVLOG_MESSAGE {
   const char* name;                 /* text of the type element */

@@ -21,7 +21,7 @@ namespace {
 constexpr char kDefaultSource[] = "qvrt";
 constexpr char kDefaultFile[] = "qvlog.log";
 constexpr char kRootTag[] = "log";
-constexpr size_t kTimeBytes = 26;    // what asctime_r fills
+constexpr size_t kTimeBytes = 26;  // what asctime_r fills
 constexpr size_t kNumberBytes = 256;
 
 // The memory of a log before it has a stream.

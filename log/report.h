@@ -10,7 +10,7 @@
 
 namespace qv {
 
-void Log(uint32_t severity, uint32_t messageId, ...);  // noDisplay is 0
+void Log(uint32_t severity, uint32_t messageId, ...);                            // with noDisplay 0
 void LogComment(const char* format, ...) __attribute__((format(printf, 1, 2)));  // INFO
 void LogError(const char* format, ...) __attribute__((format(printf, 1, 2)));    // INTERNAL
 [[noreturn]] QV_COLD void LogFatalToolDefect(const char* format, ...)

@@ -19,8 +19,7 @@ static_assert(offsetof(QV_SLAB, freeList) == 16 && offsetof(QV_SLAB, chunkCount)
               offsetof(QV_SLAB, magic) == 36 && offsetof(QV_SLAB, category) == 38 &&
               offsetof(QV_SLAB, slabSizeShift) == 39);
 static_assert(sizeof(QV_MEMORY_CATEGORY_INFO) == 48);
-static_assert(QV_LARGEST_SMALL_REQUEST + 8 ==
-              QV_SIZE_CLASSES * QV_CHUNK_UNIT_BYTES);
+static_assert(QV_LARGEST_SMALL_REQUEST + 8 == QV_SIZE_CLASSES * QV_CHUNK_UNIT_BYTES);
 
 namespace qv {
 
@@ -40,8 +39,7 @@ uint32_t ChunksPerSlab(uint32_t units, uint32_t slabSizeShift) {
 }
 
 uint64_t* ChunkHeader(QV_SLAB* slab, uint64_t index, uint32_t units) {
-  char* const chunks =
-      reinterpret_cast<char*>(slab) + QV_SLAB_HEADER_UNITS * QV_CHUNK_UNIT_BYTES;
+  char* const chunks = reinterpret_cast<char*>(slab) + QV_SLAB_HEADER_UNITS * QV_CHUNK_UNIT_BYTES;
   return reinterpret_cast<uint64_t*>(chunks + index * units * QV_CHUNK_UNIT_BYTES);
 }
 
@@ -62,8 +60,8 @@ void PushSlabLocked(QV_SIZE_CLASS& sizeClass, QV_SLAB* slab) {
 }
 
 void* AllocateLarge(uint64_t units) {
-  uint64_t* const block = static_cast<uint64_t*>(
-      AcquireMemoryForMalloc(uint32_t(units) * uint32_t{QV_CHUNK_UNIT_BYTES}));
+  uint64_t* const block =
+      static_cast<uint64_t*>(AcquireMemoryForMalloc(uint32_t(units) * uint32_t{QV_CHUNK_UNIT_BYTES}));
   *block = QV_LARGE_CHUNK_MARK;
   return block + 1;
 }

@@ -7,8 +7,8 @@
 //   chunk: | header word | caller's memory: units * 16 - 8 bytes |
 //
 // Invariants
-//  (1) A slab is on its class's list exactly while it has a free chunk. A slab whose chunks are all free
-//      goes back to the free hook, unless it is the only one on the list.
+//  (1) A slab is on its class's list exactly while it has a free chunk. A slab whose chunks are all
+//      free goes back to the free hook, unless it is the only one on the list.
 //  (2) A class lock guards its list and the free lists and counts of its slabs. The header word of an
 //      allocated chunk belongs to whoever owns the chunk.
 //  (3) smallUnits is 0 until the sub-allocator is initialised and 2,046 from then on: one comparison

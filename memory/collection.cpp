@@ -267,8 +267,7 @@ int32_t __QvRegisterMemoryCollector(QV_MEMORY_COLLECTOR collector) {
 }
 
 void __QvAsynchronousCollectMemory(uint64_t bytesWanted) {
-  if (qv::LoadRelaxed(qv::g_collectorInitialised) == 0 ||
-      qv::LoadRelaxed(qv::g_freeingReserves) != 0) {
+  if (qv::LoadRelaxed(qv::g_collectorInitialised) == 0 || qv::LoadRelaxed(qv::g_freeingReserves) != 0) {
     return;
   }
   if (qv::CallerHoldsAllocatorLock()) return qv::CollectForEngine(bytesWanted);

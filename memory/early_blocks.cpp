@@ -23,13 +23,11 @@ constinit char* g_region = nullptr;
 constinit uint64_t g_regionLeft = 0;
 
 uint32_t BlockLog2(uint64_t bytes) {
-  return bytes <= (1u << kSmallestLog2) ? kSmallestLog2
-                                        : uint32_t(64 - __builtin_clzll(bytes - 1));
+  return bytes <= (1u << kSmallestLog2) ? kSmallestLog2 : uint32_t(64 - __builtin_clzll(bytes - 1));
 }
 
 void* MapPages(uint64_t bytes) {
-  void* pages =
-      mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* pages = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   return pages == MAP_FAILED ? nullptr : pages;
 }
 

@@ -12,10 +12,8 @@ uint32_t& Word(volatile uint32_t* target) { return *const_cast<uint32_t*>(target
 uint64_t& Word(volatile uint64_t* target) { return *const_cast<uint64_t*>(target); }
 }  // namespace
 
-QV_TWINS(uint32_t, __QvInterlockedIncrement, (volatile uint32_t * target),
-         qv::Increment(Word(target)))
-QV_TWINS(uint32_t, __QvInterlockedDecrement, (volatile uint32_t * target),
-         qv::Decrement(Word(target)))
+QV_TWINS(uint32_t, __QvInterlockedIncrement, (volatile uint32_t * target), qv::Increment(Word(target)))
+QV_TWINS(uint32_t, __QvInterlockedDecrement, (volatile uint32_t * target), qv::Decrement(Word(target)))
 QV_TWINS(uint32_t, __QvInterlockedExchangeAdd, (volatile uint32_t * target, uint32_t addend),
          qv::FetchAdd(Word(target), addend))
 QV_TWINS(uint32_t, __QvInterlockedCompareExchange,

@@ -36,8 +36,7 @@ QV_INLINE void StoreRelease(T& target, Same<T> value) {
 // the order of the exported primitives.
 template <class T>
 QV_INLINE T CompareExchange(T& target, Same<T> exchange, Same<T> comparand) {
-  __atomic_compare_exchange_n(&target, &comparand, exchange, false, __ATOMIC_SEQ_CST,
-                              __ATOMIC_SEQ_CST);
+  __atomic_compare_exchange_n(&target, &comparand, exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
   return comparand;
 }
 // True if the exchange happened. Spares the comparison where the value found does not matter.

@@ -18,8 +18,8 @@ FILE* OpenReporting(const char* path, const char* mode, int* errorOut) {
   return stream;
 }
 
-// The standard descriptors were closed and `first` took one of them. Occupies the others with duplicates
-// for as long as it takes to open the file once more, above them.
+// The standard descriptors were closed and `first` took one of them. Occupies the others with
+// duplicates for as long as it takes to open the file once more, above them.
 FILE* ReopenAboveStandard(FILE* first, const char* path, const char* mode, int* errorOut) {
   int held[3];  // at most two can be free beside the first
   int count = 0;

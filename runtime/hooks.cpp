@@ -47,12 +47,8 @@ void __QvSetGetNativeParentThreadIdProc(QV_THREAD_ID_PROC proc) {
 }
 void __QvSetTlsAllocProc(QV_TLS_ALLOC_PROC proc) { qv::StoreRelaxed(__qvTlsAllocProc, proc); }
 void __QvSetTlsFreeProc(QV_TLS_FREE_PROC proc) { qv::StoreRelaxed(__qvTlsFreeProc, proc); }
-void __QvSetTlsGetValueProc(QV_TLS_GET_VALUE_PROC proc) {
-  qv::StoreRelaxed(__qvTlsGetValueProc, proc);
-}
-void __QvSetTlsSetValueProc(QV_TLS_SET_VALUE_PROC proc) {
-  qv::StoreRelaxed(__qvTlsSetValueProc, proc);
-}
+void __QvSetTlsGetValueProc(QV_TLS_GET_VALUE_PROC proc) { qv::StoreRelaxed(__qvTlsGetValueProc, proc); }
+void __QvSetTlsSetValueProc(QV_TLS_SET_VALUE_PROC proc) { qv::StoreRelaxed(__qvTlsSetValueProc, proc); }
 void __QvSetGetPidProc(QV_GET_PID_PROC proc) { qv::StoreRelaxed(g_getPidProc, proc); }
 
 uint32_t __QvSetThreadProcs(QV_CREATE_THREAD_PROC createThread, QV_EXIT_THREAD_PROC exitThread,

@@ -1,11 +1,11 @@
 // The library's own locks, their order, and the scope guards that take them.
 //
-//   rank              lock                                     held while
-//   kVirtualCheck     virtual-allocation check lock            a pre-check probes, pauses, probes again
-//   kAllocator        allocator lock                           the allocate hook and collectors run
-//   kSizeClass        lock of one size class                   chunks move; a free hook takes a slab back
-//   kStatistics       statistics lock                          figures change; the periodic dump
-//   kLog              spin lock of the log's file              one entry is written; nothing is allocated
+//   rank              lock                                  held while
+//   kVirtualCheck     virtual-allocation check lock         a pre-check probes, pauses, probes again
+//   kAllocator        allocator lock                        the allocate hook and collectors run
+//   kSizeClass        lock of one size class                chunks move; a free hook takes a slab back
+//   kStatistics       statistics lock                       figures change; the periodic dump
+//   kLog              spin lock of the log's file           one entry is written; nothing is allocated
 //
 // A thread takes locks downwards in this table; the same rank again is allowed, since all of them are
 // recursive. Debug builds hold a thread to it. The guard words (start-up, logger creation, memory

@@ -65,8 +65,7 @@ void __QvInitializeSharedExclusiveLock(QV_SHARED_EXCLUSIVE_LOCK* lock) {
   qv::SharedInitialize(*lock, 0);
 }
 
-void __QvInitializeSharedExclusiveLockAndSpinCount(QV_SHARED_EXCLUSIVE_LOCK* lock,
-                                                   uint32_t spinCount) {
+void __QvInitializeSharedExclusiveLockAndSpinCount(QV_SHARED_EXCLUSIVE_LOCK* lock, uint32_t spinCount) {
   qv::SharedInitialize(*lock, spinCount);
 }
 

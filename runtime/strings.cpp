@@ -41,8 +41,9 @@ char* NewBaseName(const char* path) {
 
 // Counts are 32 bits wide in the record; a text that outgrows them is the caller's defect.
 uint32_t CheckedSize(uint64_t bytes) {
-  if (bytes > UINT32_MAX) qv::LogFatalToolDefect("A string would need %llu bytes",
-                                                 static_cast<unsigned long long>(bytes));
+  if (bytes > UINT32_MAX) {
+    qv::LogFatalToolDefect("A string would need %llu bytes", static_cast<unsigned long long>(bytes));
+  }
   return uint32_t(bytes);
 }
 
@@ -85,9 +86,7 @@ char* __QvStrSCncpy(char* destination, const char* source, size_t sizeBytes) {
   return Copy(destination, source, sizeBytes);
 }
 
-char* __QvStrdup(const char* text) {
-  return text == nullptr ? nullptr : NewCopy(text, strlen(text));
-}
+char* __QvStrdup(const char* text) { return text == nullptr ? nullptr : NewCopy(text, strlen(text)); }
 
 char* __QvStripWhiteSpaces(char* text) {
   if (text == nullptr) return nullptr;

@@ -49,9 +49,7 @@ constexpr SpecialBytes MarkSpecialBytes() {
 }
 constexpr SpecialBytes kSpecial = MarkSpecialBytes();
 
-bool Usable(const QV_XML_FILE* file) {
-  return QV_LIKELY(file != nullptr && file->stream != nullptr);
-}
+bool Usable(const QV_XML_FILE* file) { return QV_LIKELY(file != nullptr && file->stream != nullptr); }
 
 // In place: after a '-', those that follow it go.
 void ReduceHyphens(char* text) {
@@ -69,9 +67,7 @@ void ReduceHyphens(char* text) {
 
 // What is buffered can be written and the descriptor is ours to close; else a close would lose both the
 // bytes and the stream.
-bool CanClose(FILE* stream) {
-  return fflush(stream) == 0 && fcntl(fileno(stream), F_GETFD) != -1;
-}
+bool CanClose(FILE* stream) { return fflush(stream) == 0 && fcntl(fileno(stream), F_GETFD) != -1; }
 
 void DestroyXmlFile(QV_XML_FILE** file) {
   Release((*file)->fileName);
@@ -299,8 +295,7 @@ void __QvXMLWriteHexadecimalElement(QV_XML_FILE* file, const char* name, uint64_
   qv::PutNumberElement(*file, name, qv::FormatHexadecimal(end, uint32_t(value)), end);
 }
 
-void __QvXMLWriteHexadecimalAddressElement(QV_XML_FILE* file, const char* name,
-                                           const void* address) {
+void __QvXMLWriteHexadecimalAddressElement(QV_XML_FILE* file, const char* name, const void* address) {
   if (!Usable(file) || name == nullptr) return;
   char buffer[24];
   const int length = snprintf(buffer, sizeof buffer, "%p", address);

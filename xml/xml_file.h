@@ -1,10 +1,10 @@
 // XML file writer, inside view: the inlines behind the exported calls and behind the message log.
 //
-// Bytes go straight into the stream's buffer while there is room, which is what the unlocked stdio calls
-// do one character at a time; fwrite_unlocked takes over when there is none. The program under analysis
-// may flush all streams at any moment (fflush(NULL), exit, fork), so the stream's own lock is held around
-// every group of unlocked writes: StreamLock, once per exported call, once per log entry. That lock is
-// innermost; nothing is allocated or called under it but stdio.
+// Bytes go straight into the stream's buffer while there is room, which is what the unlocked stdio
+// calls do one character at a time; fwrite_unlocked takes over when there is none. The program under
+// analysis may flush all streams at any moment (fflush(NULL), exit, fork), so the stream's own lock is
+// held around every group of unlocked writes: StreamLock, once per exported call, once per log entry.
+// That lock is innermost; nothing is allocated or called under it but stdio.
 //
 // `depth` and `scratch` belong to whoever holds the record's lock, which callers take; see qvrt.h.
 #pragma once

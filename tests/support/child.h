@@ -1,8 +1,8 @@
-// One fresh process per case. The library's state is process-wide and a death is data, so a test forks a
-// child before anything of the library has run, lets it work in a folder of its own, and looks at how it
-// ended, what it printed and what files it left.
+// One fresh process per case. The library's state is process-wide and a death is data, so a test forks
+// a child before anything of the library has run, lets it work in a folder of its own, and looks at how
+// it ended, what it printed and what files it left.
 //
-//   const ChildResult child = RunChild([] { QvHostInstall(); __QvRtStartup(); CHECK_EQ(1, __qvRtStarted); });
+//   const ChildResult child = RunChild([] { __QvRtStartup(); CHECK_EQ(1, __qvRtStarted); });
 //   EXPECT_TRUE(child.Ok()) << child.err;
 //   EXPECT_NE(child.Read("qvlog.log").find("OUT_OF_MEMORY"), std::string::npos);
 #pragma once
@@ -41,6 +41,5 @@ void CheckEqual(const A& a, const B& b, const char* text, const char* file, int 
 }  // namespace qvtest
 
 // For use inside a child, on any of its threads: print and end the child.
-#define CHECK(condition) \
-  ((condition) ? (void)0 : ::qvtest::FailCheck(__FILE__, __LINE__, #condition))
+#define CHECK(condition) ((condition) ? (void)0 : ::qvtest::FailCheck(__FILE__, __LINE__, #condition))
 #define CHECK_EQ(a, b) ::qvtest::CheckEqual((a), (b), #a " == " #b, __FILE__, __LINE__)
