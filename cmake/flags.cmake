@@ -17,8 +17,10 @@ add_library(qvrt_runtime INTERFACE)
 target_compile_options(qvrt_runtime INTERFACE
   -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility=hidden -fvisibility-inlines-hidden
   -fno-semantic-interposition -fno-plt -fstack-protector-strong
-  $<$<CXX_COMPILER_ID:Clang>:-Wglobal-constructors>
-  $<$<NOT:$<BOOL:${QVRT_SANITIZE}>>:-Wframe-larger-than=2048>)
+  $<$<CXX_COMPILER_ID:Clang>:-Wglobal-constructors>)
+if(NOT QVRT_SANITIZE)  # sanitizers pad frames
+  target_compile_options(qvrt_runtime INTERFACE -Wframe-larger-than=2048)
+endif()
 target_include_directories(qvrt_runtime INTERFACE ${PROJECT_SOURCE_DIR})
 
 # Sanitizers and coverage reach every target, tests included.
