@@ -16,10 +16,12 @@
 namespace qvtest {
 namespace {
 
-// Removes the children's folders when the test program ends; children leave by _exit and skip it.
+// Removes the children's folders when the test program ends, not when a child calls exit.
 struct Folders {
   std::vector<std::string> paths;
+  const pid_t owner = getpid();
   ~Folders() {
+    if (getpid() != owner) return;
     for (const std::string& path : paths) {
       std::error_code ignored;
       std::filesystem::remove_all(path, ignored);
