@@ -9,6 +9,7 @@
  *   3  Files, processes, strings     8  Command channel
  *   4  Categorised allocator         9  Annotation tables
  *   5  Memory collection, reserves  10  Modules and back traces
+ *  11  Debug dump channels          12  Tool options
  *
  * Conventions, where a comment does not say otherwise:
  *   - 1 is success and 0 is failure; ids and handles use 0xFFFFFFFF for none; pointers use null.
@@ -681,6 +682,160 @@ QV_API uint16_t __QvCaptureStackBackTrace(uintptr_t unused1, uintptr_t unused2, 
 QV_API char** __QvGetStackBackTraceSymbols(void* const* frames, int count);
 QV_API void* __QvRtLoadImage(const char* path); /* dlopen with RTLD_NOW; null if it fails */
 QV_API void* __QvRtGetSymbol(void* image, const char* name); /* null for a null image too */
+
+/* ==== 11 Debug dump channels ====================================================================
+ * Diagnostic output that is switched on by topic while the program runs. A channel map names the
+ * topics and gives each its bits; the process-wide dump mask says which are on. A dump call names its
+ * channel by the index in the map and becomes a comment in the message log if their bits meet.
+ *
+ * The built-in map, by index: NONE, API, CAL, MEM, BUF, MOD, CFG, MIC, ZCA, SCR (bits 0 to 8), QVCORE
+ * (those nine), TRC, IMG, RTN, BBL, INS, THR, RTL, TRA (bits 9 to 16), QVET (those eight), DOTNET_GC,
+ * DOTNET_API, DOTNET_MEM, DOTNET_JIT, DOTNET_GEN (bits 17 to 21), DOTNET (those five), ALL.
+ *
+ * Map and mask are plain words: register and parse before threads dump. */
+typedef struct QV_DEBUG_CHANNEL {
+  uint64_t mask;    /* only the low 32 bits can meet the dump mask */
+  const char* name; /* null ends the map */
+} QV_DEBUG_CHANNEL;
+
+enum { QV_DEBUG_CHANNELS = 32 }; /* entries of a map that count */
+
+/* Makes the map the current one: used in place, so it must stay. The dump mask keeps its bits. 1, or 0
+ * for null. */
+QV_API uint32_t __QvDbgRegisterDbgMap(const QV_DEBUG_CHANNEL* map);
+/* Changes the dump mask by the text, from left to right as far as it is understood: 1, or 0 (null
+ * included), and then what came before stays applied. Either
+ *   0x10         a hexadecimal mask to add; 0x0 switches all off; what follows the number is ignored
+ *   api,no-mem   channels to add, or with no- to take away, in any case. A name may be shortened: the
+ *                first channel in map order that begins so is meant, but a channel of exactly that
+ *                name goes before it (dotnet is DOTNET, dotnet_ is DOTNET_GC). A channel without bits
+ *                (NONE) switches all off. no- needs at least one letter behind it. A comma at the end
+ *                is ignored; an empty item elsewhere is the first channel. */
+QV_API uint32_t __QvParseDbgDumpOption(const char* text);
+/* Writes "[channel] [thread id] text" if the channel is on; the text is cut at 1,022 characters. For a
+ * channel that is off or not in the map it costs one comparison and one bit test: its arguments are not
+ * even stored, so the call can stay in hot code. A null format writes nothing. */
+QV_API void __QvDbgMessageDumpInternal(uint32_t channel, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
+/* ==== 12 Tool options ===========================================================================
+ * A tool creates a parser under its name, registers typed options with it, hands over its command line
+ * and reads the values back:
+ *
+ *   uint32_t parser = __QvGetOptionParser("mytool");
+ *   uint32_t depth = __QvRegisterIntegerOption(parser, "-depth", "frames to record", 5, 0, 1);
+ *   if (!__QvParseOptions2(parser, argc - 1, argv + 1)) return 1;
+ *   ... __QvGetIntegerOptionValue(parser, depth) ...
+ *
+ * The process has 16 parsers and 256 options, for all tools together. A released one is not handed out
+ * again, and its ids are from then on as good as ids that never were.
+ *
+ * Failures come in three grades. What the user typed wrong: two entries in the log and the result 0.
+ * Full tables: 0xFFFFFFFF, without a word. What the tool does wrong (a null name, ids that do not
+ * belong together, another type, a value that the option does not accept) is a fatal tool defect: a
+ * call of this section with such arguments does not return, unless its comment says otherwise.
+ *
+ * Parsers and options may be created on any threads at once. Everything else belongs to one thread for
+ * each parser; threads that work on different parsers do not disturb one another. Values may be read
+ * on any thread once they are set. Strings given in are copied; strings given out are the option's
+ * own, good until it is set again or its parser is released. */
+
+/* A new parser, even for a name that is there already. 0xFFFFFFFF: a null name, or 16 exist. */
+QV_API uint32_t __QvGetOptionParser(const char* toolName);
+/* Frees the parser and its options, if toolName begins with its name: 1. 0: an unknown or released
+ * parser, or another name. */
+QV_API int32_t __QvReleaseOptionParserHandle(uint32_t parser, const char* toolName);
+
+/* ---- Registration ------------------------------------------------------------------------------
+ * Each returns the new option's id, or 0xFFFFFFFF when 256 exist. A name begins with '-'; of two
+ * options of one name the command line finds the first; one that begins with -no- it never finds,
+ * because that is a negation. Flags are the tool's own. An append option collects all values it is
+ * given instead of keeping the last; only string and path options can be one. Default strings may be
+ * null. */
+QV_API uint32_t __QvRegisterBooleanOption(uint32_t parser, const char* name, const char* description,
+                                          int32_t defaultValue, uint32_t flags, uint32_t showInHelp);
+QV_API uint32_t __QvRegisterIntegerOption(uint32_t parser, const char* name, const char* description,
+                                          int32_t defaultValue, uint32_t flags, uint32_t showInHelp);
+QV_API uint32_t __QvRegisterStringOption(uint32_t parser, const char* name, const char* description,
+                                         const char* defaultValue, uint32_t flags, int32_t isAppend,
+                                         uint32_t showInHelp);
+/* A string that stands for a number: see __QvSetValidStringOptionArgumentWithEnum. */
+QV_API uint32_t __QvRegisterStringEnumOption(uint32_t parser, const char* name, const char* description,
+                                             const char* defaultValue, uint32_t flags,
+                                             uint32_t showInHelp);
+/* A string in which every run of '/' becomes one. */
+QV_API uint32_t __QvRegisterPathOption(uint32_t parser, const char* name, const char* description,
+                                       const char* defaultValue, uint32_t flags, int32_t isAppend,
+                                       uint32_t showInHelp);
+
+/* Adds a value to those that the option accepts; without any it accepts all. Integer, string and
+ * string-enumeration options, not append options. A string is accepted if it is one of the values or
+ * the beginning of one, and is stored as it was given. Each returns 1 (one byte, a C bool). */
+QV_API uint8_t __QvSetValidStringOptionArgumentWithEnum(uint32_t parser, uint32_t option,
+                                                        const char* value, int32_t enumValue);
+QV_API uint8_t __QvSetValidStringOptionArgument(uint32_t parser, uint32_t option,
+                                                const char* value); /* the number is -1 */
+QV_API uint8_t __QvSetValidIntegerOptionArgument(uint32_t parser, uint32_t option, int32_t value);
+
+/* ---- Setting -----------------------------------------------------------------------------------
+ * What the command line does, by hand; each returns 1. The last value wins, or joins an append
+ * option's. The value may be a string that a getter of the same option returned. */
+QV_API int32_t __QvSetBooleanOption(uint32_t parser, uint32_t option, uint32_t value);
+QV_API int32_t __QvSetIntegerOption(uint32_t parser, uint32_t option, int32_t value);
+/* For strings, string enumerations and paths. A boolean or integer option becomes -1. */
+QV_API int32_t __QvSetStringOption(uint32_t parser, uint32_t option, const char* value);
+QV_API int32_t __QvSetPathOption(uint32_t parser, uint32_t option, const char* value);
+
+/* Reads a command line without the program's name: 1, or 0 at the first element that is wrong, which
+ * is reported in the log (BAD_OPTION or BAD_ARGUMENT and a comment). What was set before stays set.
+ *   -trace, -no-trace   switch a boolean option on and off
+ *   -depth 3            any other option takes the next element, which cannot begin with '-'.
+ *                       Integers: 0 to 2147483647, in decimal, 0x hexadecimal or 0 octal
+ * A null element counts as one without '-', a null argument as none. For a parser that does not exist
+ * every option is unknown, and the report names the tool "(unknown)". A value that the option does not
+ * accept is fatal. */
+QV_API int32_t __QvParseOptions2(uint32_t parser, uint32_t count, char* const* elements);
+QV_API int32_t __QvParseOptions(uint32_t parser, uint32_t count, char* const* elements); /* the same */
+
+/* ---- Values ------------------------------------------------------------------------------------
+ * The value in force: what was set last, else the default. */
+QV_API uint32_t __QvGetBooleanOptionValue(uint32_t parser, uint32_t option);
+QV_API uint32_t __QvGetIntegerOptionValue(uint32_t parser, uint32_t option);
+/* For any type; null if there is no string. Of an append option the first. */
+QV_API const char* __QvGetStringOptionValue(uint32_t parser, uint32_t option);
+QV_API const char* __QvGetPathOptionValue(uint32_t parser, uint32_t option);
+/* The number of the first accepted value that begins with the string in force; 0xFFFFFFFF if there is
+ * none. */
+QV_API uint32_t __QvGetStringOptionEnumValue(uint32_t parser, uint32_t option);
+/* The index-th value, counted from 1. Null for 0 and beyond the number of values set, both reported in
+ * the log. An option that is not set has its default as the first and null, unreported, as the rest. */
+QV_API const char* __QvGetStringOptionArgumentValue(uint32_t parser, uint32_t option, uint32_t index);
+QV_API const char* __QvGetPathOptionArgumentValue(uint32_t parser, uint32_t option, uint32_t index);
+
+/* Calls back with each value of an append option, in the order they were given; the default is not
+ * one. The callback may release the parser, which ends the walk, and may add values, which are then
+ * visited too. A null callback does nothing. */
+typedef void (*QV_OPTION_VALUE_CALLBACK)(const char* value, void* context);
+QV_API void __QvProcessAppendOptionValues(uint32_t parser, uint32_t option,
+                                          QV_OPTION_VALUE_CALLBACK callback, void* context);
+
+QV_API int32_t __QvIsOptionSet(uint32_t parser, uint32_t option);       /* 1 or 0 */
+QV_API const char* __QvGetOptionName(uint32_t parser, uint32_t option); /* wrong ids: null */
+QV_API uint32_t __QvGetOptionFlags(uint32_t parser, uint32_t option);   /* wrong ids: 0xFFFFFFFF, logged */
+/* How many values were set: 0, 1, or for an append option any number. The parser is not compared; an
+ * unknown option has 0. */
+QV_API uint32_t __QvGetOptionNumberOfArguments(uint32_t parser, uint32_t option);
+
+/* ---- Help and log ------------------------------------------------------------------------------
+ * Both list the options in the order of registration under a header with the tool's name, and flush
+ * standard output. An unknown or released parser has neither header nor options. */
+/* Prints names, descriptions and defaults to standard output: the options registered with showInHelp,
+ * or all. */
+QV_API void __QvPrintHelp(uint32_t parser, int32_t showAll);
+QV_API void __QvPrintHelpAll(int32_t showAll); /* for every parser, in the order of creation */
+/* Writes the values in force of all options into the message log, a comment each; the values of an
+ * append option together, cut at 2,047 characters. A null string is written as "(null)". */
+QV_API void __QvLogToolOptionValues(uint32_t parser);
 
 #ifdef __cplusplus
 }
