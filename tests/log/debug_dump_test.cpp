@@ -208,7 +208,7 @@ TEST(DebugDump, ALineHoldsAllArgumentsTheThreadAndAtMost1022Characters) {
                                "end");
     for (const int width : {1021, 1022, 1023, 9999}) __QvDbgMessageDumpInternal(31, "%*d", width, 5);
     const char* volatile none = nullptr;
-    __QvDbgMessageDumpInternal(31, none);
+    __QvDbgMessageDumpInternal(31, none, 0);
     __QvParseDbgDumpOption("0x1");
     __QvDbgMessageDumpInternal(32, "only 32 entries of a map count");
   });
