@@ -128,7 +128,7 @@ void* AllocateSlow(uint32_t category, uint64_t sizeBytes, uint32_t slabSizeShift
     LogFatalToolDefect("A memory request of %llu bytes is too large",
                        static_cast<unsigned long long>(sizeBytes));
   }
-  if (LoadRelaxed(g_heap.smallUnits) == 0) return AllocateEarly(uint32_t(sizeBytes));
+  if (LoadAcquire(g_heap.smallUnits) == 0) return AllocateEarly(uint32_t(sizeBytes));
   return AllocateLarge(UnitsFor(uint32_t(sizeBytes)));
 }
 

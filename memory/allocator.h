@@ -12,7 +12,8 @@
 //  (2) A class lock guards its list and the free lists and counts of its slabs. The header word of an
 //      allocated chunk belongs to whoever owns the chunk.
 //  (3) smallUnits is 0 until the sub-allocator is initialised and 2,046 from then on: one comparison
-//      sends both large and early requests to the slow path. classes is written before it.
+//      sends both large and early requests to the slow path. classes is written before it (release,
+//      acquire).
 //  (4) Nothing here calls a hook, logs or takes another lock while it pops or pushes a chunk; the slow
 //      halves say what they hold.
 #pragma once
@@ -69,7 +70,7 @@ QV_INLINE uint64_t* PopChunk(QV_SIZE_CLASS& sizeClass) {
 QV_INLINE void* AllocateInline(uint32_t category, uint32_t sizeBytes, uint32_t slabSizeShift) {
   const uint64_t units = UnitsFor(sizeBytes);
   const uint32_t outOfContract = category / QV_MEMORY_CATEGORIES | slabSizeShift >> 4;
-  if (QV_UNLIKELY((units > LoadRelaxed(g_heap.smallUnits)) | (outOfContract != 0))) {
+  if (QV_UNLIKELY((units > LoadAcquire(g_heap.smallUnits)) | (outOfContract != 0))) {
     return AllocateSlow(category, sizeBytes, slabSizeShift);
   }
   QV_SIZE_CLASS& sizeClass = SizeClassOf(category, uint32_t(units));
