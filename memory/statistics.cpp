@@ -87,9 +87,9 @@ void CountSlabReleased(uint32_t category, uint64_t slabBytes) {
   if (!StatisticsEnabled()) return;
   const StatisticsGuard guard(g_statisticsLock);
   int64_t& bytes = g_categories[category].bytesAllocated;
-  StoreRelaxed(bytes, bytes > int64_t(slabBytes) ? bytes - int64_t(slabBytes) : 0);
-  const uint64_t total = g_totalMemoryAllocated;
-  StoreRelaxed(g_totalMemoryAllocated, total > slabBytes ? total - slabBytes : 0);
+  const int64_t counted = bytes < int64_t(slabBytes) ? bytes : int64_t(slabBytes);
+  StoreRelaxed(bytes, bytes - counted);
+  StoreRelaxed(g_totalMemoryAllocated, g_totalMemoryAllocated - uint64_t(counted));
 }
 
 void ResetStatistics() {
