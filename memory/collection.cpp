@@ -18,6 +18,7 @@ namespace {
 constexpr int32_t kFailuresTolerated = 10;
 constexpr uint32_t kProbeGranuleBytes = 65536;
 constexpr uint64_t kSwapShareDivisor = 16;
+constexpr uint32_t kReporters = 256;
 
 struct Reserve {
   Reserve* next;
@@ -36,7 +37,7 @@ constinit uint32_t g_collectorCount = 0;
 constinit uint64_t g_highestFreeSwap = 0;
 constinit uint64_t g_lowestFreeSwap = ~uint64_t{0};
 constinit uint32_t g_tightWarningPending = 1;
-constinit uint32_t g_outOfMemoryThread = kNone;  // who reports out of memory; kNone while nobody does
+constinit uint64_t g_outOfMemoryThreads[kReporters] = {};  // 1 + identity of each that reported it
 constinit int32_t g_virtualAllocFailures = 0;
 constinit uint32_t g_preCheckWaiting = 0;
 
@@ -44,15 +45,16 @@ constinit uint32_t g_preCheckWaiting = 0;
 // trace of its holder; the depth does, so that a request from inside the hook is still recognised.
 class AllocatorGuard : NonCopyable {
  public:
-  AllocatorGuard() : guard_(g_allocatorLock) {
-    if (SelfId() == 0) Increment(g_unidentifiedHolds);
+  AllocatorGuard() : guard_(g_allocatorLock), unidentified_(SelfId() == 0) {
+    if (unidentified_) Increment(g_unidentifiedHolds);
   }
   ~AllocatorGuard() {
-    if (SelfId() == 0) Decrement(g_unidentifiedHolds);
+    if (unidentified_) Decrement(g_unidentifiedHolds);
   }
 
  private:
-  SpinGuard<LockRank::kAllocator> guard_;
+  const SpinGuard<LockRank::kAllocator> guard_;
+  const bool unidentified_;  // remembered: a hook that runs inside may install the thread-id hook
 };
 
 bool CallerHoldsAllocatorLock() {
@@ -65,6 +67,7 @@ void ReleaseAllocatorLockWholly() {
     SpinRelease(g_allocatorLock);
     if (kQvDebug) LockOrderLeave(LockRank::kAllocator);
   }
+  if (SelfId() == 0) StoreRelaxed(g_unidentifiedHolds, 0u);
 }
 
 void WarnOfCollectionOnce() {
@@ -160,6 +163,19 @@ void* ProbeWithReserves(uint32_t bytes, uint32_t warned) {
   return block;
 }
 
+// A thread that runs out of memory again while it reports, or in the exit handler, must not start over:
+// it would never end. Other threads each report as if they were the first. Beyond the table, so many
+// have reported that one more has nothing to add.
+bool ReportedOutOfMemoryBefore() {
+  const uint64_t me = uint64_t{SelfId()} + 1;
+  for (uint64_t& thread : g_outOfMemoryThreads) {
+    const uint64_t found = CompareExchange(thread, me, 0);
+    if (found == 0) return false;
+    if (found == me) return true;
+  }
+  return true;
+}
+
 }  // namespace
 
 void InitializeMemoryLocks() {
@@ -184,12 +200,10 @@ void* AcquireMemoryForMalloc(uint64_t bytes) {
   __builtin_unreachable();  // the report ended the process
 }
 
-// A thread that runs out of memory again while it reports, or in the exit handler, must not start over:
-// it would never end. Another thread reports as if it were the first.
 void ReportMemoryShortage(Shortage shortage) {
   const bool tight = shortage == Shortage::kTight;
   if (tight && LoadRelaxed(g_tightWarningPending) == 0) return;
-  if (!tight && Exchange(g_outOfMemoryThread, SelfId()) == SelfId()) _exit(-1);
+  if (!tight && ReportedOutOfMemoryBefore()) _exit(-1);
   if (StatisticsEnabled()) LogCategories("Allocation status for %-25s:%15ld");
   if (tight) {
     Log(QVLOG_SEVERITY_WARNING, QVLOG_MSG_MEMORY_IS_TIGHT, "MEMORY_IS_TIGHT");
@@ -202,15 +216,19 @@ void ReportMemoryShortage(Shortage shortage) {
 
 namespace {
 
-// Reserves are taken before other threads can run short, so without the allocator lock.
+// The hook is asked without the allocator lock; threads that allocate meanwhile find all reserves or
+// none.
 void TakeReserves(uint32_t count) {
   if (g_heap.allocateProc == nullptr) return;
+  Reserve* taken = nullptr;
   for (uint32_t i = 0; i < count; i++) {
     Reserve* const reserve = static_cast<Reserve*>(g_heap.allocateProc(QV_RESERVE_BYTES));
-    if (reserve == nullptr) return;
-    reserve->next = g_reserves;
-    g_reserves = reserve;
+    if (reserve == nullptr) break;
+    reserve->next = taken;
+    taken = reserve;
   }
+  const AllocatorGuard guard;
+  g_reserves = taken;  // it was empty: only the first initialisation comes here
 }
 
 // The engine's request came from inside the allocate hook: the lock is held already.
@@ -284,7 +302,11 @@ void __QvPreVirtualAllocCheck(uint32_t bytesToReserve) {
 
 void __QvPostVirtualAllocCheck(int32_t succeeded) {
   const qv::SpinGuard<qv::LockRank::kVirtualCheck> guard(qv::g_virtualCheckLock);
-  qv::g_virtualAllocFailures = succeeded != 0 ? 0 : qv::g_virtualAllocFailures + 1;
+  if (succeeded != 0) {
+    qv::g_virtualAllocFailures = 0;
+  } else if (qv::g_virtualAllocFailures <= qv::kFailuresTolerated) {  // beyond it no number matters
+    ++qv::g_virtualAllocFailures;
+  }
 }
 
 void __QvWaitForPreVirtualAllocThread() {
