@@ -502,7 +502,8 @@ QV_API uint32_t __QvGetLoggerHandle(const char* sourceName);
 QV_API uint32_t __QvReleaseLoggerHandle(int32_t handle, const char* sourceName);
 
 /* Opens the log. With append, the file must hold an open root element already. 1 if it is open. A
- * second call moves the log to the new file; the former one stays open. */
+ * second call moves the log to the new file: no entry goes to the former one any more, but it stays open
+ * and its root element unclosed. */
 QV_API uint32_t __QvCreateLogger(const char* source, const char* fileName, uint32_t append);
 QV_API void __QvCloseLogger(void);      /* closes the root element, not the file */
 QV_API uint32_t __QvReopenLogger(void); /* 1 if the log is usable, reopened if it had to be */
@@ -511,7 +512,8 @@ QV_API uint32_t __QvReopenLogger(void); /* 1 if the log is usable, reopened if i
  * noDisplay depends on the message:
  *   free text or comment (ids 0 and 1 among them): a printf format and its values;
  *   any other: one marker (QVLOG_ARG_*) and value for each argument name, in order.
- * An unregistered id makes the entry a comment with the next argument as its format. */
+ * An unregistered id makes the entry a comment with the next argument as its format. An entry that comes
+ * from inside the log on the same thread (stdio may allocate, and malloc may be wrapped) is dropped. */
 QV_API void __QvLogInternal(uint32_t severity, uint32_t messageId, uint32_t noDisplay, ...);
 /* Logs the text as an INTERNAL error, then __QvFatalExit(-1). */
 QV_API void __QvLogFatalToolDefect(const char* format, ...)

@@ -33,7 +33,8 @@ struct LogParts {
 // Process-wide state.
 constinit QV_XML_FILE* g_logger = nullptr;
 constinit uint32_t g_creationGuard = 0;
-constinit LogParts g_spare = {};  // for the log that opens itself; written by start-up
+constinit uint32_t g_creator = 0;  // identity of who holds the creation guard
+constinit LogParts g_spare = {};   // for the log that opens itself; written by start-up
 constinit uint32_t g_nextEntryId = 1;
 constinit uint32_t g_depthBetweenEntries = 1;
 constinit time_t g_timeSecond = -1;  // the second that g_timeText names
@@ -41,6 +42,28 @@ constinit char g_timeText[kTimeBytes] = "";
 
 LogParts NewLogParts(const char* fileName) {
   return {static_cast<QV_XML_FILE*>(Allocate(kMisc, sizeof(QV_XML_FILE))), NewXmlFileName(fileName)};
+}
+
+class CreationGuard : NonCopyable {
+ public:
+  CreationGuard() : guard_(g_creationGuard) { StoreRelaxed(g_creator, SelfId()); }
+  ~CreationGuard() { StoreRelaxed(g_creator, 0u); }
+
+ private:
+  const GuardWord guard_;
+};
+
+bool CallerIsCreatingLog() {
+  const uint32_t me = SelfId();
+  return me != 0 && LoadRelaxed(g_creator) == me;
+}
+
+// Creation guard held. Entries of a former logger end before the new one is visible, by (4).
+void PublishLogger(QV_XML_FILE& log) {
+  QV_XML_FILE* const former = g_logger;
+  if (former == nullptr) return StoreRelease(g_logger, &log);
+  const SpinGuard<LockRank::kLog> guard(former->lock);
+  StoreRelease(g_logger, &log);
 }
 
 // Creation guard held. Makes the parts the logger; false if the file cannot be opened.
@@ -58,15 +81,15 @@ bool OpenLogGuarded(const LogParts& parts, const char* source, bool append) {
     log.depth++;
     fflush_unlocked(stream);
   }
-  StoreRelease(g_logger, &log);
+  PublishLogger(log);
   return true;
 }
 
 // The logger, opened first if need be; null if it cannot be.
 QV_XML_FILE* EnsureLogger() {
   QV_XML_FILE* log = LoadAcquire(g_logger);
-  if (QV_LIKELY(log != nullptr) || !Started()) return log;
-  const GuardWord guard(g_creationGuard);
+  if (QV_LIKELY(log != nullptr) || !Started() || CallerIsCreatingLog()) return log;
+  const CreationGuard guard;
   log = LoadAcquire(g_logger);
   if (log != nullptr) return log;  // another thread opened it while we waited
   if (!OpenLogGuarded(g_spare, kDefaultSource, false)) return nullptr;
@@ -74,16 +97,27 @@ QV_XML_FILE* EnsureLogger() {
   return g_logger;
 }
 
-// The scope of one entry: the log's locks, held until the entry is flushed.
+// Calls use(log) with the logger's lock held. Without a logger, or inside an entry of the same thread
+// (5), it does nothing. A logger that was replaced while we waited for its lock is left alone.
+template <class Use>
+void UseLogger(QV_XML_FILE* log, Use use) {
+  for (; log != nullptr; log = LoadAcquire(g_logger)) {
+    const SpinGuard<LockRank::kLog> guard(log->lock);
+    if (QV_UNLIKELY(LoadRelaxed(g_logger) != log)) continue;
+    if (LoadRelaxed(log->lock.recursionCount) <= 1) use(*log);
+    return;
+  }
+}
+
+// The scope of one entry, under the logger's lock: its stream, until the entry is flushed.
 class LogEntry : NonCopyable {
  public:
-  explicit LogEntry(QV_XML_FILE& log) : guard_(log.lock), stream_(log.stream), log_(log) {
+  explicit LogEntry(QV_XML_FILE& log) : stream_(log.stream), log_(log) {
     g_depthBetweenEntries = log.depth;
   }
   ~LogEntry() { fflush_unlocked(log_.stream); }
 
  private:
-  const SpinGuard<LockRank::kLog> guard_;
   const StreamLock stream_;
   QV_XML_FILE& log_;
 };
@@ -176,16 +210,20 @@ void PutOpeningOfMessage(QV_XML_FILE& log, const QVLOG_MESSAGE& message, bool no
   log.depth++;
 }
 
+__attribute__((format(printf, 2, 3))) void PutCommentOf(QV_XML_FILE& log, const char* format, ...) {
+  va_list values;
+  va_start(values, format);
+  PutComment(log, format, values);
+  va_end(values);
+}
+
 // When the library's own messages could not be registered, their ids are the comment's, and what then
 // looks like a format may be a marker. Writes the value if so; false if it is a format after all.
 bool PutUnregistered(QV_XML_FILE& log, uint64_t fourth, ArgumentList& rest) {
   char buffer[kNumberBytes];
   const char* const value = fourth <= UINT32_MAX ? NextValue(uint32_t(fourth), buffer, rest) : nullptr;
   if (value == nullptr) return false;
-  BeginLine(log);
-  PutLiteral(log.stream, "<!-- A message that could not be registered: ");
-  PutEscaped(log, value);
-  PutLiteral(log.stream, " -->");
+  PutCommentOf(log, "A message that could not be registered: %s", value);
   return true;
 }
 
@@ -212,19 +250,20 @@ void PutMessage(QV_XML_FILE& log, const QVLOG_MESSAGE& message, const EntryCall&
   PutClosingTag(log, "msg");
 }
 
+void WriteEntry(QV_XML_FILE& log, const EntryCall& call, time_t now, ArgumentList& rest) {
+  const LogEntry entry(log);
+  const QVLOG_MESSAGE* const message = FindMessage(call.messageId);
+  if (message != nullptr && (message->flags & QVLOG_FLAG_COMMENT) == 0) {
+    PutMessage(log, *message, call, now, rest);
+  } else if (!(InternalRegistrationFailed() && PutUnregistered(log, call.fourth, rest))) {
+    PutFormattedComment(log, call.fourth, rest);
+  }
+}
+
 void WriteLogMessage(const EntryCall& call, ArgumentList& rest) {
   const int savedErrno = errno;  // the caller may be about to look at it
   const time_t now = time(nullptr);
-  QV_XML_FILE* const log = EnsureLogger();
-  if (log != nullptr) {
-    const LogEntry entry(*log);
-    const QVLOG_MESSAGE* const message = FindMessage(call.messageId);
-    if (message != nullptr && (message->flags & QVLOG_FLAG_COMMENT) == 0) {
-      PutMessage(*log, *message, call, now, rest);
-    } else if (!(InternalRegistrationFailed() && PutUnregistered(*log, call.fourth, rest))) {
-      PutFormattedComment(*log, call.fourth, rest);
-    }
-  }
+  UseLogger(EnsureLogger(), [&](QV_XML_FILE& log) { WriteEntry(log, call, now, rest); });
   errno = savedErrno;
 }
 
@@ -240,6 +279,7 @@ bool LoggerExists() { return LoadAcquire(g_logger) != nullptr; }
 
 void ResetLogAfterFork() {
   g_creationGuard = 0;
+  g_creator = 0;
   if (g_logger == nullptr || g_logger->lock.state == 0) return;
   __fpurge(g_logger->stream);
   g_logger->depth = g_depthBetweenEntries;
@@ -299,7 +339,7 @@ uint32_t __QvCreateLogger(const char* source, const char* fileName, uint32_t app
   if (source == nullptr || fileName == nullptr || !qv::Started()) return 0;
   const qv::LogParts parts = qv::NewLogParts(fileName);  // before the guard, by (2)
   {
-    const qv::GuardWord guard(qv::g_creationGuard);
+    const qv::CreationGuard guard;
     if (qv::OpenLogGuarded(parts, source, append != 0)) return 1;
   }
   qv::Release(parts.fileName);
@@ -308,15 +348,18 @@ uint32_t __QvCreateLogger(const char* source, const char* fileName, uint32_t app
 }
 
 void __QvCloseLogger() {
-  QV_XML_FILE* const log = qv::LoadAcquire(qv::g_logger);
-  if (log == nullptr) return;
-  const qv::LogEntry entry(*log);
-  qv::PutClosingTag(*log, qv::kRootTag);
+  qv::UseLogger(qv::LoadAcquire(qv::g_logger), [](QV_XML_FILE& log) {
+    const qv::LogEntry entry(log);
+    qv::PutClosingTag(log, qv::kRootTag);
+  });
 }
 
 uint32_t __QvReopenLogger() {
-  QV_XML_FILE* const log = qv::LoadAcquire(qv::g_logger);
-  if (log == nullptr || !qv::Started()) return 0;
-  const qv::SpinGuard<qv::LockRank::kLog> guard(log->lock);
-  return qv::ReopenXmlFile(*log) ? 1 : 0;
+  if (!qv::Started()) return 0;
+  uint32_t usable = 0;
+  qv::UseLogger(qv::LoadAcquire(qv::g_logger), [&](QV_XML_FILE& log) {
+    usable = qv::ReopenXmlFile(log) ? 1 : 0;
+    fflush(log.stream);
+  });
+  return usable;
 }

@@ -10,13 +10,20 @@
 // Invariants
 //  (1) The logger is published only when its root element has been written; until then its record
 //      belongs to the thread that holds the creation guard.
-//  (2) Whoever holds the creation guard allocates nothing and takes no ranked lock, so it never waits
-//      for a thread that wants to log while it holds a lock of the memory manager. The record and the
-//      name of the log that opens itself are taken at start-up; a tool's CreateLogger takes its own
-//      before the guard.
+//  (2) Whoever holds the creation guard allocates nothing and takes no ranked lock but that of a former
+//      log, whose holder waits for nobody; so it never waits for a thread that wants to log while it
+//      holds a lock of the memory manager. The record and the name of the log that opens itself are
+//      taken at start-up; a tool's CreateLogger takes its own before the guard.
 //  (3) An entry is written under the file's spin lock (rank kLog) and flushed before that is released.
 //      Writing allocates nothing from this library and calls nothing that logs.
-//  (4) The sequence number and the cached time text change under that lock.
+//  (4) The sequence number and the cached time text change under the lock of the present logger. A new
+//      logger is published under the lock of the former one, and who has waited for a lock looks again
+//      whether it is still the logger's: one thread at a time is inside the log, whichever file it has.
+//  (5) stdio allocates when a stream is opened, and may when it formats. A collector that wraps malloc
+//  can
+//      thus come back from inside, on the same thread, with an entry of its own (its pool needs a slab,
+//      which has its periodic dump). There is no place to write it to, and no use in waiting: it is
+//      dropped. Without a thread-id hook such a call cannot be told apart.
 #pragma once
 
 #include "runtime/base.h"

@@ -67,7 +67,7 @@ const InternalMessage kInternalMessages[] = {
 };
 constexpr uint32_t kInternalCount = sizeof kInternalMessages / sizeof kInternalMessages[0];
 
-constinit bool g_internalAttempted = false;
+constinit uint32_t g_internalAttempted = 0;
 
 // Signed, as handles are compared; never above the table.
 int32_t SourceCount() {
@@ -138,7 +138,7 @@ const QVLOG_MESSAGE* FindMessage(uint32_t id) {
 }
 
 bool InternalRegistrationFailed() {
-  return g_internalAttempted && LoadRelaxed(QVLOG_MSG_ABNORMAL_TERMINATE) == 0;
+  return LoadRelaxed(g_internalAttempted) != 0 && LoadRelaxed(QVLOG_MSG_ABNORMAL_TERMINATE) == 0;
 }
 
 SourceName::SourceName(int32_t handle) {
@@ -159,7 +159,7 @@ uint32_t __QvRegisterLogMessage2(const QVLOG_MESSAGE* message) { return qv::Regi
 uint32_t __QvRegisterLogMessage(const QVLOG_MESSAGE* message) { return qv::Register(message); }
 
 uint32_t __QvRegisterInternalQVRTLogMessages() {
-  qv::g_internalAttempted = true;
+  qv::StoreRelaxed(qv::g_internalAttempted, 1u);
   return qv::LoadRelaxed(QVLOG_MSG_ABNORMAL_TERMINATE) != 0 || qv::RegisterInternals();
 }
 
