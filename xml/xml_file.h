@@ -37,8 +37,10 @@ bool ReopenXmlFile(QV_XML_FILE& file);
 
 // ---- Writers. The caller holds StreamLock; names and texts are not null. ----------------------------
 
+// Signed: in a line-buffered stream (a terminal) the writing position stands beyond the end, so that
+// every byte takes the slow way.
 QV_INLINE void PutBytes(FILE* stream, const char* bytes, size_t count) {
-  if (QV_LIKELY(count <= size_t(stream->_IO_write_end - stream->_IO_write_ptr))) {
+  if (QV_LIKELY(ptrdiff_t(count) <= stream->_IO_write_end - stream->_IO_write_ptr)) {
     memcpy(stream->_IO_write_ptr, bytes, count);
     stream->_IO_write_ptr += count;
   } else {
