@@ -18,23 +18,23 @@ FILE* OpenReporting(const char* path, const char* mode, int* errorOut) {
   return stream;
 }
 
-// The standard descriptors were closed and `first` took one of them. Occupies the others with
-// duplicates for as long as it takes to open the file once more, above them.
+// The standard descriptors were closed and `first` took one of them. Occupies the others with duplicates
+// for as long as it takes to open the file once more, above them. The duplicates are a set of bits, so
+// that a program that goes on closing descriptors meanwhile cannot make them more than there is room for.
 FILE* ReopenAboveStandard(FILE* first, const char* path, const char* mode, int* errorOut) {
-  int held[3];  // at most two can be free beside the first
-  int count = 0;
+  uint32_t duplicates = 0;
+  int copy = dup(fileno(first));
+  for (; copy >= 0 && copy <= STDERR_FILENO; copy = dup(fileno(first))) duplicates |= 1u << copy;
   FILE* stream = nullptr;
-  for (;;) {
-    const int copy = dup(fileno(first));
-    if (copy > STDERR_FILENO) {
-      close(copy);
-      stream = OpenReporting(path, mode, errorOut);
-      break;
-    }
-    if (copy < 0) break;
-    held[count++] = copy;
+  if (copy >= 0) {
+    close(copy);
+    stream = OpenReporting(path, mode, errorOut);
+  } else if (errorOut != nullptr) {
+    *errorOut = errno;
   }
-  while (count > 0) close(held[--count]);
+  for (int descriptor = STDERR_FILENO; descriptor >= 0; descriptor--) {
+    if ((duplicates >> descriptor & 1) != 0) close(descriptor);
+  }
   fclose(first);
   return stream;
 }
