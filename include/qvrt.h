@@ -253,7 +253,8 @@ typedef struct QV_STRING {
   char* buffer;      /* NUL-terminated text */
 } QV_STRING;
 
-/* Null text leaves a string as it was (a new one: empty). Text may point into the string itself. */
+/* Null text leaves a string as it was (a new one: empty), a null string does nothing. Text may point
+ * into the string itself. A text of 4 GiB is a fatal tool defect, here and in the copies above. */
 QV_API QV_STRING* __QvStrAlloc(uint32_t category, uint32_t capacityBytes, const char* text);
 QV_API QV_STRING* __QvStrSet(QV_STRING* string, const char* text); /* replaces; returns the string */
 QV_API void __QvStrAppend(QV_STRING* string, const char* text);

@@ -20,8 +20,16 @@ char* Copy(char* destination, const char* source, size_t sizeBytes) {
   return destination;
 }
 
+// Sizes are 32 bits wide in requests and records; a text that outgrows them is the caller's defect.
+uint32_t CheckedSize(uint64_t bytes) {
+  if (bytes > UINT32_MAX) {
+    qv::LogFatalToolDefect("A string would need %llu bytes", static_cast<unsigned long long>(bytes));
+  }
+  return uint32_t(bytes);
+}
+
 char* NewCopy(const char* text, size_t length) {
-  char* const copy = static_cast<char*>(qv::Allocate(qv::kMisc, uint32_t(length + 1)));
+  char* const copy = static_cast<char*>(qv::Allocate(qv::kMisc, CheckedSize(uint64_t{length} + 1)));
   memcpy(copy, text, length);
   copy[length] = 0;
   return copy;
@@ -37,14 +45,6 @@ char* NewBaseName(const char* path) {
   if (path == nullptr || *path == 0) return nullptr;
   const char* const name = BaseName(path, strlen(path));
   return NewCopy(name, strlen(name));
-}
-
-// Counts are 32 bits wide in the record; a text that outgrows them is the caller's defect.
-uint32_t CheckedSize(uint64_t bytes) {
-  if (bytes > UINT32_MAX) {
-    qv::LogFatalToolDefect("A string would need %llu bytes", static_cast<unsigned long long>(bytes));
-  }
-  return uint32_t(bytes);
 }
 
 }  // namespace
@@ -123,7 +123,7 @@ QV_STRING* __QvStrAlloc(uint32_t category, uint32_t capacityBytes, const char* t
 }
 
 QV_STRING* __QvStrSet(QV_STRING* string, const char* text) {
-  if (text == nullptr) return string;
+  if (string == nullptr || text == nullptr) return string;
   const size_t length = strlen(text);
   if (length + 1 > string->capacity) {  // so the text is not our own buffer's, and that may go first
     string->capacity = CheckedSize(length == 0 ? 1 : 2 * uint64_t{length});
