@@ -158,7 +158,8 @@ QV_API uint32_t __QvGetNativePageSize(void);
  * identity 0 then succeeds and leaves the record exactly as it was (if a thread with an id holds the
  * lock, it first waits until that thread has left), so no lock is ever left held, and nothing is
  * excluded: identity 0 is for the time when one thread runs. Once the hook is installed, the same
- * lock works. */
+ * lock works, even if it was acquired before and is released after. Never remove the hook while a lock
+ * is held: the holder would no longer be known. */
 typedef struct QV_SPIN_LOCK {
   uint64_t owner;          /* native thread id of the holder (low 32 bits); 0 when free */
   uint32_t state;          /* 0 free, 1 held */

@@ -57,6 +57,7 @@ void qv::SharedAcquireSlow(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me) {
 }
 
 void qv::SharedReleaseSlow(QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  if (LoadRelaxed(lock.readerCount) == 0) return;  // by (5); who was counted never sees a 0
   const uint64_t before = FetchAdd(StateWord(lock), -kOneReader);
   if (before == kSharedByOne) TryExchange(StateWord(lock), uint64_t{0}, uint64_t{1});
 }
