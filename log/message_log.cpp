@@ -21,7 +21,6 @@ namespace {
 constexpr char kDefaultSource[] = "qvrt";
 constexpr char kDefaultFile[] = "qvlog.log";
 constexpr char kRootTag[] = "log";
-constexpr size_t kTimeBytes = 26;  // what asctime_r fills
 constexpr size_t kNumberBytes = 256;
 
 // The memory of a log before it has a stream.
@@ -38,7 +37,8 @@ constinit LogParts g_spare = {};   // for the log that opens itself; written by 
 constinit uint32_t g_nextEntryId = 1;
 constinit uint32_t g_depthBetweenEntries = 1;
 constinit time_t g_timeSecond = -1;  // the second that g_timeText names
-constinit char g_timeText[kTimeBytes] = "";
+constinit TimeText g_timeText = "";
+constinit bool g_timeIsFixed = false;  // in a child after fork
 
 LogParts NewLogParts(const char* fileName) {
   return {static_cast<QV_XML_FILE*>(Allocate(kMisc, sizeof(QV_XML_FILE))), NewXmlFileName(fileName)};
@@ -122,18 +122,11 @@ class LogEntry : NonCopyable {
   QV_XML_FILE& log_;
 };
 
-// The local time in asctime's form without its newline. Kept for the second it names, under the log's
-// lock.
+// Kept for the second it names, under the log's lock.
 const char* TimeTextOf(time_t now) {
-  if (g_timeSecond == now) return g_timeText;
+  if (g_timeSecond == now || g_timeIsFixed) return g_timeText;
   g_timeSecond = now;
-  struct tm local;
-  if (localtime_r(&now, &local) == nullptr || asctime_r(&local, g_timeText) == nullptr) {
-    g_timeText[0] = 0;
-  }
-  for (size_t last = strlen(g_timeText); last-- > 1 && isspace(g_timeText[last]);) {
-    g_timeText[last] = 0;
-  }
+  FormatTime(now, g_timeText);
   return g_timeText;
 }
 
@@ -277,10 +270,19 @@ void PrepareLog() {
 
 bool LoggerExists() { return LoadAcquire(g_logger) != nullptr; }
 
-void ResetLogAfterFork() {
+void FormatTime(time_t now, TimeText& text) {
+  struct tm local;
+  if (localtime_r(&now, &local) == nullptr || asctime_r(&local, text) == nullptr) text[0] = 0;
+  for (size_t last = strlen(text); last-- > 1 && isspace(static_cast<unsigned char>(text[last]));) {
+    text[last] = 0;
+  }
+}
+
+void ResetLogAfterFork(const TimeText& timeOfFork) {
   g_creationGuard = 0;
-  g_creator = 0;
-  if (g_logger == nullptr || g_logger->lock.state == 0) return;
+  memcpy(g_timeText, timeOfFork, sizeof g_timeText);
+  g_timeIsFixed = true;
+  if (g_logger == nullptr) return;
   __fpurge(g_logger->stream);
   g_logger->depth = g_depthBetweenEntries;
   SpinInitialize(g_logger->lock, kXmlSpinCount);

@@ -26,6 +26,8 @@
 //      dropped. Without a thread-id hook such a call cannot be told apart.
 #pragma once
 
+#include <time.h>
+
 #include "runtime/base.h"
 
 namespace qv {
@@ -34,9 +36,16 @@ namespace qv {
 void PrepareLog();
 bool LoggerExists();
 
+using TimeText = char[26];  // what asctime_r fills
+
+// The local time in asctime's form without its newline; "" if the system cannot say.
+void FormatTime(time_t now, TimeText& text);
+
 // For the only thread of a child after fork: another thread of the parent may have been inside the log.
 // Drops its half-written entry from the child's copy of the buffer (the parent writes it) and frees the
-// locks it held.
-void ResetLogAfterFork();
+// locks it held. Unconditionally: memory is copied page by page while the others run, so the lock's
+// word need not agree with what it guards. From here on entries carry the time that the parent
+// formatted: the C library's time-zone lock may have been held too, and nobody can free that one.
+void ResetLogAfterFork(const TimeText& timeOfFork);
 
 }  // namespace qv
