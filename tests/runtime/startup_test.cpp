@@ -162,8 +162,8 @@ constexpr Atomics kTwins[] = {
 
 }  // namespace
 
-// Faults: old value for new or the reverse, exchange and comparand swapped, a store on failure, the wrong
-// width (a neighbour changes).
+// Faults: old value for new or the reverse, exchange and comparand swapped, a store on failure, the
+// wrong width (a neighbour changes).
 TEST(Atomics, ResultsAndWraps) {
   for (const Atomics& atomics : kTwins) {
     uint32_t word[2] = {0xFFFFFFFF, 42};

@@ -23,8 +23,8 @@ void RunThreads(int count, Body body) {
   for (std::thread& thread : threads) thread.join();
 }
 
-// The native thread id of the calling thread, which a test may set to play another thread. Its upper half
-// is not 0, as a system's may not be; locks go by the lower half.
+// The native thread id of the calling thread, which a test may set to play another thread. Its upper
+// half is not 0, as a system's may not be; locks go by the lower half.
 inline std::atomic<uint64_t> g_nextThreadId{0xB1660000'00000001};
 inline thread_local uint64_t t_threadId = g_nextThreadId++;
 
