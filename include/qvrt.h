@@ -504,8 +504,8 @@ QV_API uint32_t __QvGetLoggerHandle(const char* sourceName);
 QV_API uint32_t __QvReleaseLoggerHandle(int32_t handle, const char* sourceName);
 
 /* Opens the log. With append, the file must hold an open root element already. 1 if it is open. A
- * second call moves the log to the new file: no entry goes to the former one any more, but it stays open
- * and its root element unclosed. */
+ * second call moves the log to the new file: no entry goes to the former one any more, but it stays
+ * open and its root element unclosed. */
 QV_API uint32_t __QvCreateLogger(const char* source, const char* fileName, uint32_t append);
 QV_API void __QvCloseLogger(void);      /* closes the root element, not the file */
 QV_API uint32_t __QvReopenLogger(void); /* 1 if the log is usable, reopened if it had to be */
@@ -514,8 +514,9 @@ QV_API uint32_t __QvReopenLogger(void); /* 1 if the log is usable, reopened if i
  * noDisplay depends on the message:
  *   free text or comment (ids 0 and 1 among them): a printf format and its values;
  *   any other: one marker (QVLOG_ARG_*) and value for each argument name, in order.
- * An unregistered id makes the entry a comment with the next argument as its format. An entry that comes
- * from inside the log on the same thread (stdio may allocate, and malloc may be wrapped) is dropped. */
+ * An unregistered id makes the entry a comment with the next argument as its format. An entry that
+ * comes from inside the log on the same thread (stdio may allocate, and malloc may be wrapped) is
+ * dropped. */
 QV_API void __QvLogInternal(uint32_t severity, uint32_t messageId, uint32_t noDisplay, ...);
 /* Logs the text as an INTERNAL error, then __QvFatalExit(-1). */
 QV_API void __QvLogFatalToolDefect(const char* format, ...)
@@ -531,9 +532,9 @@ QV_API void __QvExitHandler(int32_t code) __attribute__((noreturn));
 
 /* ==== 8 Command channel =========================================================================
  * A controlling process of the same user steers the tool through a shared-memory area of five command
- * records; a worker thread hands each to the tool's callback, or a heartbeat when none came for a number
- * of seconds. The lock file "obkcmds.dat" in a directory of the tool's choice tells the controller where
- * the area is. Layout and duties of a controller: docs/command-channel.md. */
+ * records; a worker thread hands each to the tool's callback, or a heartbeat when none came for a
+ * number of seconds. The lock file "obkcmds.dat" in a directory of the tool's choice tells the
+ * controller where the area is. Layout and duties of a controller: docs/command-channel.md. */
 
 /* One command: five arguments, the first of them the code, and a payload. The library gives them no
  * meaning. */
@@ -634,8 +635,8 @@ typedef struct ZcaValue {
 
 /* One line of a definitions file: name "module path" hexadecimal-offset [literal]. */
 typedef struct ZcaDefinition {
-  uint32_t offset; /* of the instruction from the module's load address */
-  char* name;      /* owned, as are the next ones; null if the line had none */
+  uint32_t offset;  /* of the instruction from the module's load address */
+  char* name;       /* owned, as are the next ones; null if the line had none */
   char* modulePath; /* without its quotes; empty if the field was too short to have two */
   uint32_t hasValue;
   ZcaValue* value;
@@ -656,9 +657,9 @@ QV_API void __QvZCACleanupDefinitions(void);
 
 /* A record takes part in the levels of a skip list from 0 up to the top level of when it was loaded. */
 typedef struct ModuleRecord {
-  uint64_t handle; /* the caller's */
-  uint64_t start;  /* unique in the table */
-  uint64_t end;    /* exclusive */
+  uint64_t handle;                 /* the caller's */
+  uint64_t start;                  /* unique in the table */
+  uint64_t end;                    /* exclusive */
   struct ModuleRecord* forward[1]; /* the next record on each of its levels; the sentinel ends them */
 } ModuleRecord;
 
@@ -666,8 +667,8 @@ typedef struct ModuleRecord {
  * not checked. Linear in the number of modules. */
 QV_API ModuleRecord* __QvLoadModule(uint64_t handle, uint64_t start, uint64_t end);
 QV_API void __QvUnloadModule(uint64_t handle, uint64_t start); /* the handle is not used */
-/* The start of the module with start < address < end, its handle in *handleOut (may be null); else 0 and
- * nothing stored. A module that starts at 0 is told from none by its handle. Logarithmic, without a
+/* The start of the module with start < address < end, its handle in *handleOut (may be null); else 0
+ * and nothing stored. A module that starts at 0 is told from none by its handle. Logarithmic, without a
  * mispredicted branch; allocates nothing. */
 QV_API uint64_t __QvGetModuleForVariable(uint64_t address, uint64_t* handleOut);
 
@@ -678,8 +679,8 @@ QV_API uint64_t __QvGetModuleAddressRange(uint64_t address, uint64_t* endOut);
 QV_API uint64_t __QvGetThreadStackBaseAndSize(uint64_t address, uint64_t* baseOut);
 QV_API uint64_t __QvGetImageOffsetFromPreferredAddress(void); /* 0 on this platform */
 
-/* The calling thread's return addresses from startFrame on, into frames[25]; how many. 0 if startFrame is
- * not among the innermost 25. The other arguments are not used. */
+/* The calling thread's return addresses from startFrame on, into frames[25]; how many. 0 if startFrame
+ * is not among the innermost 25. The other arguments are not used. */
 QV_API uint16_t __QvCaptureStackBackTrace(uintptr_t unused1, uintptr_t unused2, uintptr_t unused3,
                                           void* startFrame, uintptr_t unused5, void** frames);
 /* backtrace_symbols: one allocation that the caller gives to the system's free. */
@@ -825,7 +826,8 @@ QV_API void __QvProcessAppendOptionValues(uint32_t parser, uint32_t option,
 
 QV_API int32_t __QvIsOptionSet(uint32_t parser, uint32_t option);       /* 1 or 0 */
 QV_API const char* __QvGetOptionName(uint32_t parser, uint32_t option); /* wrong ids: null */
-QV_API uint32_t __QvGetOptionFlags(uint32_t parser, uint32_t option);   /* wrong ids: 0xFFFFFFFF, logged */
+QV_API uint32_t __QvGetOptionFlags(uint32_t parser,
+                                   uint32_t option); /* wrong ids: 0xFFFFFFFF, logged */
 /* How many values were set: 0, 1, or for an append option any number. The parser is not compared; an
  * unknown option has 0. */
 QV_API uint32_t __QvGetOptionNumberOfArguments(uint32_t parser, uint32_t option);

@@ -18,9 +18,10 @@ FILE* OpenReporting(const char* path, const char* mode, int* errorOut) {
   return stream;
 }
 
-// The standard descriptors were closed and `first` took one of them. Occupies the others with duplicates
-// for as long as it takes to open the file once more, above them. The duplicates are a set of bits, so
-// that a program that goes on closing descriptors meanwhile cannot make them more than there is room for.
+// The standard descriptors were closed and `first` took one of them. Occupies the others with
+// duplicates for as long as it takes to open the file once more, above them. The duplicates are a set
+// of bits, so that a program that goes on closing descriptors meanwhile cannot make them more than
+// there is room for.
 FILE* ReopenAboveStandard(FILE* first, const char* path, const char* mode, int* errorOut) {
   uint32_t duplicates = 0;
   int copy = dup(fileno(first));

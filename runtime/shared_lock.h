@@ -10,8 +10,8 @@
 //  (3) owner and recursionCount are written by the writer alone, between its two exchanges.
 //  (4) Identity 0 (no hook) never writes: it waits until there is no identified writer and passes.
 //  (5) A release that finds no reader counted changes nothing: shared access was given before the hook
-//      was installed and is returned after it. Counted, it would leave a reader that never was, and so a
-//      lock that never gets free.
+//      was installed and is returned after it. Counted, it would leave a reader that never was, and so
+//      a lock that never gets free.
 //
 // Readers count on the whole word, not on its half: an addition of 2^32 changes readerCount and tells
 // the state at that same moment, and every reader's release is an operation on the word that the next
