@@ -1,5 +1,5 @@
-// Runs files, or all files below folders, through a fuzz target once: a fuzzer's findings as a test that
-// needs no fuzzer. An empty corpus is a failure, since it would test nothing.
+// Runs files, or all files below folders, through a fuzz target once: a fuzzer's findings as a test
+// that needs no fuzzer. An empty corpus is a failure, since it would test nothing.
 #include <stdint.h>
 #include <stdio.h>
 
@@ -29,7 +29,8 @@ int ReplayAll(const fs::path& path) {
     return 1;
   }
   int count = 0;
-  for (const fs::directory_entry& entry : fs::directory_iterator(path)) count += ReplayAll(entry.path());
+  for (const fs::directory_entry& entry : fs::directory_iterator(path))
+    count += ReplayAll(entry.path());
   return count;
 }
 

@@ -1,0 +1,4 @@
+// The public header alone, as C++.
+#include <qvrt.h>
+
+#include "layout.h"
