@@ -41,14 +41,17 @@
 
 /* DWARF's number of the register that the compiler chose for operand 0. */
 #define QV_ANNOTATE_IF_(reg, number) ".ifc %q0,%%" reg "\n.byte 0x50+" number "\n.endif\n"
-#define QV_ANNOTATE_REGISTER_BYTE_                                                                   \
-  QV_ANNOTATE_IF_("rax", "0")                                                                        \
-  QV_ANNOTATE_IF_("rdx", "1")                                                                        \
-  QV_ANNOTATE_IF_("rcx", "2") QV_ANNOTATE_IF_("rbx", "3") QV_ANNOTATE_IF_("rsi", "4")                \
-      QV_ANNOTATE_IF_("rdi", "5") QV_ANNOTATE_IF_("rbp", "6") QV_ANNOTATE_IF_("rsp", "7")            \
-          QV_ANNOTATE_IF_("r8", "8") QV_ANNOTATE_IF_("r9", "9") QV_ANNOTATE_IF_("r10", "10")         \
-              QV_ANNOTATE_IF_("r11", "11") QV_ANNOTATE_IF_("r12", "12") QV_ANNOTATE_IF_("r13", "13") \
-                  QV_ANNOTATE_IF_("r14", "14") QV_ANNOTATE_IF_("r15", "15")
+/* clang-format off */
+#define QV_ANNOTATE_REGISTER_BYTE_                          \
+  QV_ANNOTATE_IF_("rax", "0") QV_ANNOTATE_IF_("rdx", "1")   \
+  QV_ANNOTATE_IF_("rcx", "2") QV_ANNOTATE_IF_("rbx", "3")   \
+  QV_ANNOTATE_IF_("rsi", "4") QV_ANNOTATE_IF_("rdi", "5")   \
+  QV_ANNOTATE_IF_("rbp", "6") QV_ANNOTATE_IF_("rsp", "7")   \
+  QV_ANNOTATE_IF_("r8", "8") QV_ANNOTATE_IF_("r9", "9")     \
+  QV_ANNOTATE_IF_("r10", "10") QV_ANNOTATE_IF_("r11", "11") \
+  QV_ANNOTATE_IF_("r12", "12") QV_ANNOTATE_IF_("r13", "13") \
+  QV_ANNOTATE_IF_("r14", "14") QV_ANNOTATE_IF_("r15", "15")
+/* clang-format on */
 
 #define QV_ANNOTATE_LITERAL(name, literal) \
   __asm__ volatile(QV_ANNOTATE_TABLE_(name, ".byte 0x30+%c0\n") : : "i"(literal))

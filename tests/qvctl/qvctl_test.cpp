@@ -27,7 +27,7 @@ struct Result {
   std::string text;  // standard output and standard error
 };
 
-Result Run(const std::string& command) {
+Result RunShell(const std::string& command) {
   FILE* const pipe = popen((command + " 2>&1").c_str(), "r");
   std::string text;
   char buffer[4096];
@@ -71,7 +71,7 @@ class Qvctl : public testing::Test {
     EXPECT_FALSE(fs::exists(folder_ + "/obkcmds.dat"));
     fs::remove_all(folder_);
   }
-  Result Ctl(const std::string& words) { return Run(QVCTL " " + folder_ + " " + words); }
+  Result Ctl(const std::string& words) { return RunShell(QVCTL " " + folder_ + " " + words); }
 
   void StartTool() {
     tool_ = fork();
@@ -199,7 +199,9 @@ TEST_F(Qvctl, TwoControllersLoseAndDoubleNothingWhileOthersAreKilledWithTheLock)
   int next[2] = {1000, 2000};
   while (std::getline(lines, line)) {
     const int code = atoi(line.c_str());
-    if (code >= 1000) EXPECT_EQ(code, next[code / 1000 - 1]++) << line;
+    if (code >= 1000) {
+      EXPECT_EQ(code, next[code / 1000 - 1]++) << line;
+    }
   }
   EXPECT_EQ(next[0], 1150);
   EXPECT_EQ(next[1], 2150);
@@ -208,7 +210,7 @@ TEST_F(Qvctl, TwoControllersLoseAndDoubleNothingWhileOthersAreKilledWithTheLock)
 TEST_F(Qvctl, AToolKilledAtAnyStepOfSetUpIsCleanedUpAndTheNextOneWorks) {
   for (int step = 0; step < 10; step++) {
     const Result dead =
-        Run(TOOL " " + folder_ + " die-at " + std::to_string(step) + " </dev/null & wait $!");
+        RunShell(TOOL " " + folder_ + " die-at " + std::to_string(step) + " </dev/null & wait $!");
     if (dead.text == "up\n") break;
     EXPECT_EQ(dead.status, 128 + SIGKILL) << step << dead.text;
     const int status = Ctl("status").status;

@@ -18,7 +18,7 @@ struct Result {
   std::string text;
 };
 
-Result Run(const std::string& command) {
+Result RunShell(const std::string& command) {
   FILE* const pipe = popen((command + " 2>&1").c_str(), "r");
   std::string text;
   char buffer[4096];
@@ -35,7 +35,7 @@ class Qvnotes : public testing::Test {
   }
   void TearDown() override { fs::remove_all(folder_); }
   bool Compile(const std::string& compiler, const std::string& flags) {
-    const Result built = Run(compiler + " " + flags + " -I" INCLUDE " " SOURCE " -o " + image_);
+    const Result built = RunShell(compiler + " " + flags + " -I" INCLUDE " " SOURCE " -o " + image_);
     EXPECT_EQ(built.status, 0) << compiler << flags << built.text;
     return built.status == 0;
   }
@@ -55,10 +55,10 @@ TEST_F(Qvnotes, ReadsBackImagesOfBothCompilersInEveryShape) {
           "-O2 -ffunction-sections -Wl,--gc-sections"}) {
       if (!Compile(compiler, flags)) continue;
       const uint64_t base = flags.find("-no-pie") != std::string::npos ? 0x400000 : 0;
-      std::istringstream ran(Run(image_).text);
+      std::istringstream ran(RunShell(image_).text);
       uint64_t begin = 0, phase = 0;
       ran >> std::hex >> begin >> phase;
-      const Result listed = Run(QVNOTES " " + image_);
+      const Result listed = RunShell(QVNOTES " " + image_);
       EXPECT_EQ(listed.status, 0) << listed.text;
       const auto holds = [&](const std::string& line) {
         EXPECT_NE(listed.text.find(line), std::string::npos)
@@ -78,22 +78,23 @@ TEST_F(Qvnotes, AddsDefinitionsAndReportsWhatItCannotRead) {
   ASSERT_TRUE(Compile("g++", "-O1"));
   std::ofstream(folder_ + "/defs") << "extra \"" << folder_
                                    << "//image\" 1234 0x2a\nother \"/x\" 1 1\n";
-  const Result listed = Run(QVNOTES " --definitions " + folder_ + "/defs " + image_);
+  const Result listed = RunShell(QVNOTES " --definitions " + folder_ + "/defs " + image_);
   EXPECT_EQ(listed.status, 0);
   EXPECT_NE(listed.text.find("  definitions\n  0000000000001234  42                0  extra\n"),
             std::string::npos)
       << listed.text;
   EXPECT_EQ(listed.text.find("other"), std::string::npos);
-  EXPECT_EQ(Run(QVNOTES " --definitions " + folder_ + "/none " + image_).status, 2);
+  EXPECT_EQ(RunShell(QVNOTES " --definitions " + folder_ + "/none " + image_).status, 2);
 
   std::ofstream(folder_ + "/text") << "no image";
-  const Result text = Run(QVNOTES " " + folder_ + "/text");
+  const Result text = RunShell(QVNOTES " " + folder_ + "/text");
   EXPECT_EQ(text.status, 2);
   EXPECT_NE(text.text.find("is no ELF image"), std::string::npos);
-  EXPECT_NE(Run(QVNOTES " " QVNOTES).text.find("has no section .ubq_notify_tab"), std::string::npos);
-  EXPECT_NE(Run(QVNOTES " /no/such").text.find("No such file"), std::string::npos);
-  EXPECT_EQ(Run(QVNOTES).status, 1);
-  EXPECT_EQ(Run(QVNOTES " --what").status, 1);
+  EXPECT_NE(RunShell(QVNOTES " " QVNOTES).text.find("has no section .ubq_notify_tab"),
+            std::string::npos);
+  EXPECT_NE(RunShell(QVNOTES " /no/such").text.find("No such file"), std::string::npos);
+  EXPECT_EQ(RunShell(QVNOTES).status, 1);
+  EXPECT_EQ(RunShell(QVNOTES " --what").status, 1);
 }
 
 // Damage in the section's bytes and cuts of the file anywhere: a message, never a crash.
@@ -109,13 +110,13 @@ TEST_F(Qvnotes, DamagedImagesGetAMessage) {
     std::string bytes = whole;
     bytes[magic + at] = '\x7f';
     write(bytes);
-    const Result result = Run(QVNOTES " " + damaged);
+    const Result result = RunShell(QVNOTES " " + damaged);
     EXPECT_EQ(result.status, 2) << at << result.text;
     EXPECT_NE(result.text.find("qvnotes: " + damaged), std::string::npos);
   }
   for (size_t length = 0; length < whole.size(); length += whole.size() / 61 + 1) {
     write(whole.substr(0, length));
-    const Result result = Run(QVNOTES " " + damaged);
+    const Result result = RunShell(QVNOTES " " + damaged);
     EXPECT_EQ(result.status, 2) << length << result.text;
     EXPECT_NE(result.text.find("qvnotes: " + damaged), std::string::npos) << length << result.text;
   }
