@@ -1,6 +1,5 @@
 // Runs files, or all files below folders, through a fuzz target once: a fuzzer's findings as a test
 // that needs no fuzzer. An empty corpus is a failure, since it would test nothing.
-#include <stdint.h>
 #include <stdio.h>
 
 #include <filesystem>
@@ -8,8 +7,7 @@
 #include <iterator>
 #include <string>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t sizeBytes);
-extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
+#pragma weak LLVMFuzzerInitialize
 
 namespace {
 
