@@ -14,8 +14,6 @@ namespace qvtest {
 namespace {
 
 constexpr uint32_t kNone = 0xFFFFFFFF;
-constexpr char kGetText[] =
-    "A valid option id and parser id must be specified to get the value of the option";
 
 TEST(OptionRegistry, FullTablesRefuseInSilenceAndNobodyReadsPastThem) {
   const ChildResult child = RunChild([] {
@@ -83,77 +81,74 @@ void RegisterOneOfEach() {
 
 void Ignore(const char*, void*) {}
 
+#define MISUSE(text, call) \
+  {                        \
+    text, [] { call; }     \
+  }
+
 TEST(OptionRegistry, MisuseEndsTheProcessWithItsText) {
-  const char* const registerText =
+  const std::string mustBe = "A valid option id and parser id must be specified to ";
+  const std::string get = mustBe + "get the value of the option",
+                    isSet = mustBe + "check if an option is set";
+  const std::string argument = mustBe + "register an option argument for an option in QVRT";
+  const std::string registered =
       "A valid option name, description and parser handle must be specified to register an option with "
       "QVRT";
-  const char* const argumentText =
-      "A valid option id and parser id must be specified to register an option argument for an option "
-      "in QVRT";
-  const char* const appendText =
+  const std::string hyphen =
+      "A valid option name starting with '-' must be specified to register the option with QVRT";
+  const std::string append =
       "Registering valid arguments for append options is not currenctly supported";
-  const char* const typeText = "Only string and integer option types can register valid arguments";
-  const char* const setText =
-      "A valid option id and parser id must be specified to check if an option is set";
-  const char* const walkText =
-      "A valid option id and parser id must be specified to check if an option is sets";
-  const char* const iteratorText = "A iterator can be applied only to string and path append options.";
-  const char* const nullText = "Null string used to set string option";
-  const struct {
-    const char* text;
-    void (*misuse)();
-  } kCases[] = {
-      {registerText, [] { __QvRegisterBooleanOption(0, nullptr, "", 0, 0, 0); }},
-      {registerText, [] { __QvRegisterPathOption(0, "-x", nullptr, "", 0, 0, 0); }},
-      {registerText, [] { __QvRegisterIntegerOption(2, "-x", "", 0, 0, 0); }},
-      {registerText, [] { __QvRegisterStringOption(1, "-x", "", "", 0, 0, 0); }},
-      {registerText, [] { __QvRegisterStringEnumOption(kNone, "-x", "", "", 0, 0); }},
-      {"A valid option name starting with '-' must be specified to register the option with QVRT",
-       [] { __QvRegisterBooleanOption(0, "x-", "", 0, 0, 0); }},
-      {argumentText, [] { __QvSetValidIntegerOptionArgument(0, 8, 1); }},
-      {argumentText, [] { __QvSetValidStringOptionArgument(1, kString, "x"); }},
-      {argumentText, [] { __QvSetValidStringOptionArgumentWithEnum(kNone, kReleased, "x", 1); }},
-      {appendText, [] { __QvSetValidStringOptionArgument(0, kStrings, "x"); }},
-      {appendText, [] { __QvSetValidStringOptionArgument(0, kPaths, "x"); }},
-      {typeText, [] { __QvSetValidIntegerOptionArgument(0, kBoolean, 1); }},
-      {typeText, [] { __QvSetValidStringOptionArgument(0, kPath, "x"); }},
-      {kGetText, [] { __QvSetBooleanOption(0, kInteger, 1); }},
-      {kGetText, [] { __QvSetIntegerOption(0, kBoolean, 1); }},
-      {kGetText, [] { __QvSetPathOption(0, kString, "x"); }},
-      {kGetText, [] { __QvSetStringOption(1, kString, "x"); }},
-      {kGetText, [] { __QvSetStringOption(0, 8, "x"); }},
-      {kGetText, [] { __QvSetStringOption(kNone, kReleased, "x"); }},
-      {nullText, [] { __QvSetStringOption(0, kString, nullptr); }},
-      {nullText, [] { __QvSetPathOption(0, kPaths, nullptr); }},
-      {"Invalid argument [\"\", 4] used to set Option -i",
-       [] { __QvSetIntegerOption(0, kInteger, 4); }},
-      {"Invalid argument [3, -1] used to set Option -i", [] { __QvSetStringOption(0, kInteger, "3"); }},
-      {"Invalid argument [full, -1] used to set Option -e",
-       [] { __QvSetStringOption(0, kEnum, "full"); }},
-      {"Invalid argument [detailed!, -1] used to set Option -e",
-       [] { __QvSetStringOption(0, kEnum, "detailed!"); }},
-      {"Invalid argument [\"\", -1] used to set Option -e",
-       [] { __QvSetStringOption(0, kEnum, nullptr); }},
-      {kGetText, [] { __QvGetBooleanOptionValue(0, kInteger); }},
-      {kGetText, [] { __QvGetIntegerOptionValue(0, kString); }},
-      {kGetText, [] { __QvGetStringOptionValue(0, 8); }},
-      {kGetText, [] { __QvGetStringOptionValue(kNone, kReleased); }},
-      {kGetText, [] { __QvGetPathOptionValue(0, kString); }},
-      {kGetText, [] { __QvGetStringOptionEnumValue(0, kString); }},
-      {kGetText, [] { __QvGetStringOptionArgumentValue(1, kReleased, 1); }},
-      {kGetText, [] { __QvGetPathOptionArgumentValue(0, kStrings, 1); }},
-      {setText, [] { __QvIsOptionSet(1, kBoolean); }},
-      {walkText, [] { __QvProcessAppendOptionValues(1, kStrings, Ignore, nullptr); }},
-      {iteratorText, [] { __QvProcessAppendOptionValues(0, kString, Ignore, nullptr); }},
+  const std::string type = "Only string and integer option types can register valid arguments";
+  const std::string walk = "A iterator can be applied only to string and path append options.";
+  const std::string null = "Null string used to set string option";
+  const std::string invalid = "Invalid argument ";
+  const std::pair<std::string, void (*)()> kCases[] = {
+      MISUSE(registered, __QvRegisterBooleanOption(0, nullptr, "", 0, 0, 0)),
+      MISUSE(registered, __QvRegisterPathOption(0, "-x", nullptr, "", 0, 0, 0)),
+      MISUSE(registered, __QvRegisterIntegerOption(2, "-x", "", 0, 0, 0)),
+      MISUSE(registered, __QvRegisterStringOption(1, "-x", "", "", 0, 0, 0)),
+      MISUSE(registered, __QvRegisterStringEnumOption(kNone, "-x", "", "", 0, 0)),
+      MISUSE(hyphen, __QvRegisterBooleanOption(0, "x-", "", 0, 0, 0)),
+      MISUSE(argument, __QvSetValidIntegerOptionArgument(0, 8, 1)),
+      MISUSE(argument, __QvSetValidStringOptionArgument(1, kString, "x")),
+      MISUSE(argument, __QvSetValidStringOptionArgumentWithEnum(kNone, kReleased, "x", 1)),
+      MISUSE(append, __QvSetValidStringOptionArgument(0, kStrings, "x")),
+      MISUSE(append, __QvSetValidStringOptionArgument(0, kPaths, "x")),
+      MISUSE(type, __QvSetValidIntegerOptionArgument(0, kBoolean, 1)),
+      MISUSE(type, __QvSetValidStringOptionArgument(0, kPath, "x")),
+      MISUSE(get, __QvSetBooleanOption(0, kInteger, 1)),
+      MISUSE(get, __QvSetIntegerOption(0, kBoolean, 1)),
+      MISUSE(get, __QvSetPathOption(0, kString, "x")),
+      MISUSE(get, __QvSetStringOption(1, kString, "x")),
+      MISUSE(get, __QvSetStringOption(kNone, kReleased, "x")),
+      MISUSE(null, __QvSetStringOption(0, kString, nullptr)),
+      MISUSE(null, __QvSetPathOption(0, kPaths, nullptr)),
+      MISUSE(invalid + "[\"\", 4] used to set Option -i", __QvSetIntegerOption(0, kInteger, 4)),
+      MISUSE(invalid + "[3, -1] used to set Option -i", __QvSetStringOption(0, kInteger, "3")),
+      MISUSE(invalid + "[full, -1] used to set Option -e", __QvSetStringOption(0, kEnum, "full")),
+      MISUSE(invalid + "[detailed!, -1] used to set Option -e",
+             __QvSetStringOption(0, kEnum, "detailed!")),
+      MISUSE(invalid + "[\"\", -1] used to set Option -e", __QvSetStringOption(0, kEnum, nullptr)),
+      MISUSE(get, __QvGetBooleanOptionValue(0, kInteger)),
+      MISUSE(get, __QvGetIntegerOptionValue(0, kString)),
+      MISUSE(get, __QvGetStringOptionValue(0, 8)),
+      MISUSE(get, __QvGetStringOptionValue(kNone, kReleased)),
+      MISUSE(get, __QvGetPathOptionValue(0, kString)),
+      MISUSE(get, __QvGetStringOptionEnumValue(0, kString)),
+      MISUSE(get, __QvGetStringOptionArgumentValue(1, kReleased, 1)),
+      MISUSE(get, __QvGetPathOptionArgumentValue(0, kStrings, 1)),
+      MISUSE(isSet, __QvIsOptionSet(1, kBoolean)),
+      MISUSE(isSet + "s", __QvProcessAppendOptionValues(1, kStrings, Ignore, nullptr)),
+      MISUSE(walk, __QvProcessAppendOptionValues(0, kString, Ignore, nullptr)),
   };
-  for (const auto& misuseCase : kCases) {
-    const ChildResult child = RunChild([&] {
+  for (const auto& [text, misuse] : kCases) {
+    const ChildResult child = RunChild([call = misuse] {
       StartTool();
       RegisterOneOfEach();
-      misuseCase.misuse();
+      call();
     });
-    EXPECT_EQ(child.status, 255) << misuseCase.text << child.err;
-    EXPECT_EQ(WithoutTimes(child.Read("qvlog.log")), ExpectedLog().Fatal(misuseCase.text).Text());
+    EXPECT_EQ(child.status, 255) << text << child.err;
+    EXPECT_EQ(WithoutTimes(child.Read("qvlog.log")), ExpectedLog().Fatal(text).Text());
   }
 }
 
