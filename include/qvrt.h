@@ -842,6 +842,254 @@ QV_API void __QvPrintHelpAll(int32_t showAll); /* for every parser, in the order
 /* Writes the values in force of all options into the message log, a comment each; the values of an
  * append option together, cut at 2,047 characters. A null string is written as "(null)". */
 QV_API void __QvLogToolOptionValues(uint32_t parser);
+/* ==== 14 Queues =================================================================================
+ * First in, first out, of 64-bit values. Two locks, one at each end: with two or more elements in it, a
+ * producer and a consumer take different locks and write no word in common. An operation is constant
+ * time, one allocation or one release, and at most two locks; a search is linear.
+ *
+ * No lock of the queue is held while memory is allocated or released, so a memory collector may use
+ * queues. A null queue: empty, and a call does nothing. The locks are the library's: do not take them. */
+typedef struct QV_QUEUE_NODE {
+  uint64_t value;
+  struct QV_QUEUE_NODE* next;
+} QV_QUEUE_NODE;
+
+enum {
+  QV_QUEUE_LOCKED = 0x2, /* the queue takes its locks; without it, one thread at a time */
+  QV_QUEUE_CATEGORY_SHIFT = 4,
+  QV_QUEUE_CATEGORY_MASK = 0xFF0
+};
+
+typedef struct QV_QUEUE {
+  QV_QUEUE_NODE* head;  /* always &anchor */
+  QV_QUEUE_NODE* tail;  /* the last node; &anchor when empty */
+  QV_QUEUE_NODE anchor; /* value 0; next is the first element's node */
+  QV_SPIN_LOCK headLock;
+  QV_SPIN_LOCK tailLock;
+  uint32_t flags;    /* the caller's, with the category in bits 4 to 11 */
+  uint32_t userFlag; /* the tool's */
+} QV_QUEUE;
+
+/* 1 takes the value, anything else goes on to the next one. Runs under the head lock. It may enqueue to
+ * this queue; it must not remove from it, nor wait for a thread that does. It may allocate unless a
+ * memory collector uses this queue. */
+typedef int32_t (*QV_QUEUE_MATCH)(uint32_t a, uint64_t b, uint64_t value);
+
+/* Flags other than QV_QUEUE_LOCKED are kept and mean nothing. Nodes are charged to the category. */
+QV_API QV_QUEUE* __QvCreateQueue(uint32_t flags, uint32_t category);
+QV_API void __QvEnqueue(QV_QUEUE* queue, uint64_t value);
+/* The first value; 0 when empty. Who stores 0 as a value asks __QvIsQueueEmpty too. */
+QV_API uint64_t __QvDequeue(QV_QUEUE* queue);
+/* The first value that match(a, b, value) takes (any, with a null match), removed from the queue if
+ * remove is not 0; 0 if there is none. */
+QV_API uint64_t __QvPeekQueue(QV_QUEUE* queue, QV_QUEUE_MATCH match, uint32_t a, uint64_t b,
+                              uint32_t remove);
+QV_API uint32_t __QvIsQueueEmpty(const QV_QUEUE* queue); /* takes no lock: true of one moment */
+QV_API void __QvSetQueueFlag(QV_QUEUE* queue, uint32_t value);
+/* Releases the nodes, not the record, which the caller then gives to __QvFree and uses no more. Takes no
+ * lock: no other thread may use the queue. */
+QV_API void __QvDestroyQueue(QV_QUEUE* queue);
+
+/* ==== 15 Vectors ================================================================================
+ * Sparse arrays of 131,072 unsigned 64-bit counters. The first 256 live in the record, the others in
+ * pages of 256 that come into being when an index in them is first written. What was never written reads
+ * as 0. Every access is two indexed loads. No lock: the caller serialises access to one vector. A null
+ * vector reads as 0, and a call does nothing. */
+enum { QV_VECTOR_PAGES = 512, QV_VECTOR_PAGE_ELEMENTS = 256 };
+
+typedef struct QV_VECTOR {
+  uint64_t* pages[QV_VECTOR_PAGES]; /* the first is always firstPage; null where nothing was written */
+  uint64_t firstPage[QV_VECTOR_PAGE_ELEMENTS];
+  uint32_t sizeAndCategory; /* low 24 bits: the length, one past the highest index written; high 8 bits:
+                               the memory category of record and pages */
+} QV_VECTOR;
+
+/* A new vector, owned with its pages; ended by __QvDestroyVector. */
+QV_API QV_VECTOR* __QvCreateVector(uint32_t category);
+/* Prepares a vector in the caller's own storage, which must not move: entry 0 of its pages points into
+ * it. Allocates nothing; returns the vector. Such a vector owns its pages but not its record, so it must
+ * not go to __QvDestroyVector. Its pages are given back so (null entries are fine):
+ *   for (int i = 1; i < QV_VECTOR_PAGES; i++) __QvFree(vector->pages[i]);
+ * after which the storage is the caller's again, or ready for the next __QvInitializeVector. */
+QV_API QV_VECTOR* __QvInitializeVector(QV_VECTOR* vector, uint32_t category);
+/* Releases the pages and, with __QvFree, the record. */
+QV_API void __QvDestroyVector(QV_VECTOR* vector);
+QV_API uint64_t __QvGetVectorElement(const QV_VECTOR* vector, uint32_t index);
+/* Both return the value before. An index above 131,071 changes nothing and gives 0. Increments wrap. */
+QV_API uint64_t __QvSetVectorElement(QV_VECTOR* vector, uint32_t index, uint64_t value);
+QV_API uint64_t __QvIncrementVectorElement(QV_VECTOR* vector, uint32_t index);
+/* Makes the destination equal to the source, length included, in the destination's own category. Pages
+ * that only the destination has are cleared and kept. */
+QV_API void __QvCopyVector(QV_VECTOR* destination, const QV_VECTOR* source);
+QV_API QV_VECTOR* __QvDuplicateVector(const QV_VECTOR* source, uint32_t category); /* null for null */
+/* Each element becomes the larger of the two; the length becomes the longer one. */
+QV_API void __QvMaxVector(QV_VECTOR* destination, const QV_VECTOR* source);
+
+/* ==== 16 Red-black trees ========================================================================
+ * An ordered map from 64-bit keys to 64-bit items in which keys may repeat: equal keys stand in the order
+ * of insertion. Nodes are the handles: a node keeps its key and item until its own entry is removed,
+ * whatever else is inserted or removed. Insertion, removal and the searches are logarithmic, however
+ * many keys are equal; a step is constant time. One allocation for each entry; queries allocate nothing.
+ *
+ * No lock: the tool serialises all calls on one tree, queries included.
+ *
+ * Where a node is expected, null and the tree's sentinel (`nil`) are no entry: the call does nothing or
+ * gives null or 0. So is the handle of a removed entry until its memory is used again; nobody should
+ * count on how long that is. */
+typedef struct QV_RED_BLACK_TREE QV_RED_BLACK_TREE;
+typedef struct QV_RED_BLACK_NODE QV_RED_BLACK_NODE;
+
+/* Negative if a orders before b, 0 if they are equal, positive if a orders after b. A consistent total
+ * order; it must not change the tree. In insertion and searches a is the key looked for and b a node's,
+ * and a pair may be asked more than once; validation asks about neighbours, the earlier one as a. */
+typedef int32_t (*QV_RED_BLACK_COMPARE)(uint64_t a, uint64_t b);
+/* Called with the item or the key of an entry that is being destroyed. */
+typedef void (*QV_RED_BLACK_DESTROY)(uint64_t value);
+
+struct QV_RED_BLACK_TREE {
+  QV_RED_BLACK_NODE* root; /* the sentinel when the tree is empty */
+  QV_RED_BLACK_NODE* nil;  /* the sentinel: every missing child, the root's parent, both list ends */
+  QV_RED_BLACK_COMPARE compare; /* never null */
+  QV_RED_BLACK_DESTROY destroyItem; /* or null */
+  QV_RED_BLACK_DESTROY destroyKey;  /* or null */
+  uint32_t category;
+  uint32_t count; /* entries */
+};
+
+enum { QV_RB_BLACK = 0, QV_RB_RED = 1 };
+
+struct QV_RED_BLACK_NODE {
+  QV_RED_BLACK_TREE* tree;
+  QV_RED_BLACK_NODE *left, *right, *parent;
+  QV_RED_BLACK_NODE *prev, *next; /* neighbours in key order; the sentinel at the ends */
+  uint64_t key, item;
+  uint32_t color;
+};
+
+/* Null for compare: keys are unsigned integers, compared in line without a call. Null destructors: keys
+ * and items need none. */
+QV_API QV_RED_BLACK_TREE* __QvCreateRedBlackTree(uint32_t category, QV_RED_BLACK_COMPARE compare,
+                                                 QV_RED_BLACK_DESTROY destroyItem,
+                                                 QV_RED_BLACK_DESTROY destroyKey);
+/* A null tree does nothing. */
+QV_API void __QvInsertRedBlackEntry(QV_RED_BLACK_TREE* tree, uint64_t key, uint64_t item);
+QV_API void __QvRemoveRedBlackEntry(QV_RED_BLACK_NODE* node); /* calls no destructor */
+
+/* Ranges include both bounds. Forward: __QvGetRedBlackRangeStart(tree, low, high), then
+ * __QvGetRedBlackRangeNext(node, high) until null. Backward: __QvGetRedBlackRangeEnd(tree, high), then
+ * __QvGetRedBlackRangePrev(node, low); the end alone is not compared with low. */
+
+/* The earliest entry whose key is low, even where high is below low; else the first entry above low if
+ * its key is not above high; else null. */
+QV_API QV_RED_BLACK_NODE* __QvGetRedBlackRangeStart(const QV_RED_BLACK_TREE* tree, uint64_t low,
+                                                    uint64_t high);
+/* The latest entry whose key is not above high, or null. */
+QV_API QV_RED_BLACK_NODE* __QvGetRedBlackRangeEnd(const QV_RED_BLACK_TREE* tree, uint64_t high);
+QV_API QV_RED_BLACK_NODE* __QvGetRedBlackRangePrev(const QV_RED_BLACK_NODE* node, uint64_t low);
+QV_API QV_RED_BLACK_NODE* __QvGetRedBlackRangeNext(const QV_RED_BLACK_NODE* node, uint64_t high);
+/* 1, and the value in *out; 0 and nothing stored for no entry or a null out. */
+QV_API uint32_t __QvGetRedBlackKey(const QV_RED_BLACK_NODE* node, uint64_t* out);
+QV_API uint32_t __QvGetRedBlackItem(const QV_RED_BLACK_NODE* node, uint64_t* out);
+
+/* Removes the entries of the range in key order; for each, after its removal, destroyItem, then
+ * destroyKey. The destructors find the tree in order: they may query it, insert into it and remove from
+ * it, except the entry that follows in the range. Entries they insert behind that one, within the range,
+ * are destroyed too. */
+QV_API void __QvDestroyRedBlackRange(QV_RED_BLACK_TREE* tree, uint64_t low, uint64_t high);
+/* Destroys all entries in the same way and releases the tree. The destructors find the tree empty and
+ * must not insert into it. Null does nothing. */
+QV_API void __QvDestroyRedBlackTree(QV_RED_BLACK_TREE* tree);
+/* 1 if no red node has a red child, all paths pass as many black nodes as the leftmost one, the list is
+ * in order and as long as `count`. 0 if not, or for null. Ends whatever the links are, as long as they
+ * point to nodes. */
+QV_API uint32_t __QvValidateRedBlack(const QV_RED_BLACK_TREE* tree);
+
+/* ==== 17 Sets and multisets =====================================================================
+ * Sparse sets of 32-bit unsigned integers: a list of chunks in order, each 64 consecutive values. A
+ * multiset counts each value in 32 bits. Operations on whole sets are one merge over the lists, a chunk
+ * at a time; those on one element are linear in the chunks before it.
+ *
+ * The tool places the header anywhere; zero-filled, it is an empty set of category 0. The chunks belong
+ * to the set and are charged to its category, which every operation keeps. Destroy or empty the set to
+ * give them back. No lock: the tool serialises calls on the sets that a call reads or writes.
+ *
+ * A destination may be one of the sources. A null set makes a call do nothing and return 0.
+ *
+ * Limits. A set holds at most 16,777,215 elements (24 bits): what would pass that is refused, so that
+ * the count never runs into the category. A union takes the smallest new elements while there is room.
+ * Multiplicities stop at 0xFFFFFFFF. */
+enum { QV_SET_MAXIMUM_COUNT = 0xFFFFFF, QV_SET_CHUNK_ELEMENTS = 64 };
+
+typedef struct QV_SET_CHUNK {
+  struct QV_SET_CHUNK* next;
+  uint32_t index;   /* the chunk covers the values from index * 64 on; ascending along the list */
+  uint32_t bits[2]; /* bit b of word w: the value index * 64 + w * 32 + b is present; never both 0 */
+} QV_SET_CHUNK;
+
+typedef struct QV_SET {
+  uint32_t count : 24;   /* elements */
+  uint32_t category : 8; /* memory category; the tool sets it while the set is empty or at any time */
+  QV_SET_CHUNK* chunks;  /* null when empty */
+} QV_SET;
+
+typedef struct QV_MULTISET_CHUNK {
+  struct QV_MULTISET_CHUNK* next; /* up to here and with the next two fields, a QV_SET_CHUNK */
+  uint32_t index;
+  uint32_t bits[2];  /* set exactly where the multiplicity is not 0 */
+  uint32_t reserved; /* the padding of a QV_SET_CHUNK */
+  uint32_t multiplicity[QV_SET_CHUNK_ELEMENTS];
+} QV_MULTISET_CHUNK;
+
+/* The layout of a QV_SET. __QvIsAnElementOfSet, __QvAreSetsDisjoint, __QvIsASubsetOfSet and __QvScanSet
+ * take a multiset too, cast to const QV_SET*, and speak of its distinct elements. */
+typedef struct QV_MULTISET {
+  uint32_t count : 24; /* distinct elements */
+  uint32_t category : 8;
+  QV_MULTISET_CHUNK* chunks;
+} QV_MULTISET;
+
+QV_API void __QvAddAnElementToSet(QV_SET* set, uint32_t element);
+QV_API void __QvDeleteAnElementFromSet(QV_SET* set, uint32_t element);
+/* If present, the element's bit in its word, 1 << element % 32; else 0. */
+QV_API uint32_t __QvIsAnElementOfSet(const QV_SET* set, uint32_t element);
+QV_API uint32_t __QvAreSetsEqual(const QV_SET* a, const QV_SET* b);
+/* 0 if equal; else the difference of the counts, a's less b's; else 1. Sets of one size are not ordered. */
+QV_API int32_t __QvCompareSets(const QV_SET* a, const QV_SET* b);
+QV_API uint32_t __QvAreSetsDisjoint(const QV_SET* a, const QV_SET* b); /* 0 for one set twice */
+QV_API uint32_t __QvIsASubsetOfSet(const QV_SET* a, const QV_SET* b);  /* a within b */
+
+typedef void (*QV_SET_CALLBACK)(uint32_t element, uint64_t context);
+/* Calls back for each element, ascending. The callback may add to the set and delete from it: the chunk
+ * under the scan is reported as it was when the scan reached it, later ones as they then are. A change is
+ * seen by the count: one call must not delete and add equally many. */
+QV_API void __QvScanSet(const QV_SET* set, QV_SET_CALLBACK callback, uint64_t context);
+
+QV_API void __QvUnionSet(QV_SET* destination, const QV_SET* source);      /* adds the source's */
+QV_API void __QvDifferenceSet(QV_SET* destination, const QV_SET* source); /* takes the source's away */
+QV_API void __QvIntersectSet(QV_SET* destination, const QV_SET* a, const QV_SET* b);
+QV_API void __QvConstructSet(QV_SET* destination, const QV_SET* source); /* a copy */
+/* A move: the destination gives its chunks back and takes the source's; the source is empty. */
+QV_API void __QvConstructSetAndDestroy(QV_SET* destination, QV_SET* source);
+QV_API void __QvDestroySet(QV_SET* set); /* gives all chunks back; the set is empty and usable */
+QV_API void __QvEmptySet(QV_SET* set);   /* the same */
+QV_API void __QvPrintOutSet(const QV_SET* set); /* does nothing */
+
+QV_API void __QvAddAnElementToMultiSet(QV_MULTISET* multiset, uint32_t element);
+QV_API void __QvDeleteAnElementFromMultiSet(QV_MULTISET* multiset, uint32_t element); /* one of it */
+QV_API void __QvDeleteAllInstancesOfAnElementFromMultiSet(QV_MULTISET* multiset, uint32_t element);
+QV_API uint32_t __QvGetElementMultiplicity(const QV_MULTISET* multiset, uint32_t element);
+QV_API uint32_t __QvIsMultiSetEmpty(const QV_MULTISET* multiset); /* 1 for null */
+QV_API uint32_t __QvAreMultiSetsEqual(const QV_MULTISET* a, const QV_MULTISET* b);
+QV_API void __QvUnionMultiSet(QV_MULTISET* destination, const QV_MULTISET* source); /* they add */
+QV_API void __QvUnionMultiSetSet(QV_MULTISET* multiset, const QV_SET* set); /* 1 for each element */
+QV_API void __QvDifferenceMultiSet(QV_MULTISET* destination, const QV_MULTISET* source); /* not below 0 */
+QV_API void __QvIntersectMultiSet(QV_MULTISET* destination, const QV_MULTISET* a,
+                                  const QV_MULTISET* b); /* the smaller of the two */
+QV_API void __QvConstructMultiSet(QV_MULTISET* destination, const QV_MULTISET* source);
+QV_API void __QvConstructMultiSetAndDestroy(QV_MULTISET* destination, QV_MULTISET* source);
+QV_API void __QvDestroyMultiSet(QV_MULTISET* multiset);
+QV_API void __QvEmptyMultiSet(QV_MULTISET* multiset);
+QV_API void __QvPrintOutMultiSet(const QV_MULTISET* multiset); /* does nothing */
 
 #ifdef __cplusplus
 }
