@@ -1,5 +1,6 @@
 // The red-black tree beside std::multimap and absl::btree_multimap: random insertion, the search for a
-// range's start, a walk over the whole tree, and removal. The keys are random and the same for all sides.
+// range's start, a walk over the whole tree, and removal. The keys are random and the same for all
+// sides.
 //
 // A B-tree keeps neighbours in one node, so it walks faster than any tree of single nodes; but its
 // entries move, and ours must not: a node is the tool's handle.
@@ -39,7 +40,8 @@ std::vector<uint64_t> RandomKeys(int64_t count, Random& random) {
   return keys;
 }
 
-// ---- Sides: a tree each, with Insert, Start, Walk and Remove -----------------------------------------
+// ---- Sides: a tree each, with Insert, Start, Walk and Remove
+// -----------------------------------------
 
 class Qv {
  public:

@@ -282,8 +282,8 @@ void TakePlace(Tree& tree, Node* z, Node* y) {
   if (y->right != tree.nil) y->right->parent = y;
 }
 
-// Takes z out of tree and thread. y is the node that leaves its position: z, or its successor, which has
-// no left child; x is what moves up into that position.
+// Takes z out of tree and thread. y is the node that leaves its position: z, or its successor, which
+// has no left child; x is what moves up into that position.
 void Unlink(Tree& tree, Node* z) {
   Node* const nil = tree.nil;
   Node* const y = z->left == nil || z->right == nil ? z : z->next;
@@ -347,8 +347,8 @@ void DestroyTree(Tree& tree) {
 
 // ---- Validation -------------------------------------------------------------------------------------
 
-// Black nodes from the root along left links, nil counted. Links that form a ring end the walk when more
-// nodes have passed than there are.
+// Black nodes from the root along left links, nil counted. Links that form a ring end the walk when
+// more nodes have passed than there are.
 uint64_t LeftmostBlackHeight(const Tree& tree) {
   uint64_t height = 1;
   uint64_t steps = 0;
@@ -370,8 +370,8 @@ bool ColorsAreSound(const Tree& tree, const Node* node, uint64_t height) {
   return ColorsAreSound(tree, node->left, below) && ColorsAreSound(tree, node->right, below);
 }
 
-// 2^32 - 1 entries cannot make a greater one, so a greater one is wrong wherever the fault lies, and not
-// worth a deep recursion.
+// 2^32 - 1 entries cannot make a greater one, so a greater one is wrong wherever the fault lies, and
+// not worth a deep recursion.
 constexpr uint64_t kGreatestBlackHeight = 33;
 
 bool ColorsAreSound(const Tree& tree) {
@@ -447,8 +447,7 @@ void __QvRemoveRedBlackEntry(Node* node) {
 
 Node* __QvGetRedBlackRangeStart(const Tree* tree, uint64_t low, uint64_t high) {
   if (tree == nullptr) return nullptr;
-  return qv::WithOrderOf(*tree,
-                         [=](auto order) { return qv::RangeStart(*tree, low, high, order); });
+  return qv::WithOrderOf(*tree, [=](auto order) { return qv::RangeStart(*tree, low, high, order); });
 }
 
 Node* __QvGetRedBlackRangeEnd(const Tree* tree, uint64_t high) {

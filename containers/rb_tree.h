@@ -13,8 +13,8 @@
 //  (4) nil is black and its left and right are nil. Its parent, prev and next are written as if it were
 //      a node, which spares a test at each link, and mean nothing outside the call that wrote them.
 //  (5) A node's key and item are never written after insertion: removal moves nodes, not contents, so
-//      that handles keep naming their entries. `tree` is null in a node that has been removed, until its
-//      memory is used again.
+//      that handles keep naming their entries. `tree` is null in a node that has been removed, until
+//      its memory is used again.
 //
 // A node is 72 bytes at 8 past a multiple of 16, so a search in a large tree waits for one or two cache
 // lines at each level. What it must not do in addition is mispredict a branch at every second level:
@@ -25,8 +25,8 @@
 
 namespace qv {
 
-// Walks tree and thread with all of the invariants, parent and prev links included: null if all is well,
-// else what is wrong.
+// Walks tree and thread with all of the invariants, parent and prev links included: null if all is
+// well, else what is wrong.
 const char* ValidateTree(const QV_RED_BLACK_TREE& tree);
 
 }  // namespace qv

@@ -848,7 +848,8 @@ QV_API void __QvLogToolOptionValues(uint32_t parser);
  * time, one allocation or one release, and at most two locks; a search is linear.
  *
  * No lock of the queue is held while memory is allocated or released, so a memory collector may use
- * queues. A null queue: empty, and a call does nothing. The locks are the library's: do not take them. */
+ * queues. A null queue: empty, and a call does nothing. The locks are the library's: do not take them.
+ */
 typedef struct QV_QUEUE_NODE {
   uint64_t value;
   struct QV_QUEUE_NODE* next;
@@ -886,15 +887,15 @@ QV_API uint64_t __QvPeekQueue(QV_QUEUE* queue, QV_QUEUE_MATCH match, uint32_t a,
                               uint32_t remove);
 QV_API uint32_t __QvIsQueueEmpty(const QV_QUEUE* queue); /* takes no lock: true of one moment */
 QV_API void __QvSetQueueFlag(QV_QUEUE* queue, uint32_t value);
-/* Releases the nodes, not the record, which the caller then gives to __QvFree and uses no more. Takes no
- * lock: no other thread may use the queue. */
+/* Releases the nodes, not the record, which the caller then gives to __QvFree and uses no more. Takes
+ * no lock: no other thread may use the queue. */
 QV_API void __QvDestroyQueue(QV_QUEUE* queue);
 
 /* ==== 15 Vectors ================================================================================
  * Sparse arrays of 131,072 unsigned 64-bit counters. The first 256 live in the record, the others in
- * pages of 256 that come into being when an index in them is first written. What was never written reads
- * as 0. Every access is two indexed loads. No lock: the caller serialises access to one vector. A null
- * vector reads as 0, and a call does nothing. */
+ * pages of 256 that come into being when an index in them is first written. What was never written
+ * reads as 0. Every access is two indexed loads. No lock: the caller serialises access to one vector. A
+ * null vector reads as 0, and a call does nothing. */
 enum { QV_VECTOR_PAGES = 512, QV_VECTOR_PAGE_ELEMENTS = 256 };
 
 typedef struct QV_VECTOR {
@@ -907,10 +908,10 @@ typedef struct QV_VECTOR {
 /* A new vector, owned with its pages; ended by __QvDestroyVector. */
 QV_API QV_VECTOR* __QvCreateVector(uint32_t category);
 /* Prepares a vector in the caller's own storage, which must not move: entry 0 of its pages points into
- * it. Allocates nothing; returns the vector. Such a vector owns its pages but not its record, so it must
- * not go to __QvDestroyVector. Its pages are given back so (null entries are fine):
- *   for (int i = 1; i < QV_VECTOR_PAGES; i++) __QvFree(vector->pages[i]);
- * after which the storage is the caller's again, or ready for the next __QvInitializeVector. */
+ * it. Allocates nothing; returns the vector. Such a vector owns its pages but not its record, so it
+ * must not go to __QvDestroyVector. Its pages are given back so (null entries are fine): for (int i =
+ * 1; i < QV_VECTOR_PAGES; i++) __QvFree(vector->pages[i]); after which the storage is the caller's
+ * again, or ready for the next __QvInitializeVector. */
 QV_API QV_VECTOR* __QvInitializeVector(QV_VECTOR* vector, uint32_t category);
 /* Releases the pages and, with __QvFree, the record. */
 QV_API void __QvDestroyVector(QV_VECTOR* vector);
@@ -926,10 +927,11 @@ QV_API QV_VECTOR* __QvDuplicateVector(const QV_VECTOR* source, uint32_t category
 QV_API void __QvMaxVector(QV_VECTOR* destination, const QV_VECTOR* source);
 
 /* ==== 16 Red-black trees ========================================================================
- * An ordered map from 64-bit keys to 64-bit items in which keys may repeat: equal keys stand in the order
- * of insertion. Nodes are the handles: a node keeps its key and item until its own entry is removed,
- * whatever else is inserted or removed. Insertion, removal and the searches are logarithmic, however
- * many keys are equal; a step is constant time. One allocation for each entry; queries allocate nothing.
+ * An ordered map from 64-bit keys to 64-bit items in which keys may repeat: equal keys stand in the
+ * order of insertion. Nodes are the handles: a node keeps its key and item until its own entry is
+ * removed, whatever else is inserted or removed. Insertion, removal and the searches are logarithmic,
+ * however many keys are equal; a step is constant time. One allocation for each entry; queries allocate
+ * nothing.
  *
  * No lock: the tool serialises all calls on one tree, queries included.
  *
@@ -949,7 +951,7 @@ typedef void (*QV_RED_BLACK_DESTROY)(uint64_t value);
 struct QV_RED_BLACK_TREE {
   QV_RED_BLACK_NODE* root; /* the sentinel when the tree is empty */
   QV_RED_BLACK_NODE* nil;  /* the sentinel: every missing child, the root's parent, both list ends */
-  QV_RED_BLACK_COMPARE compare; /* never null */
+  QV_RED_BLACK_COMPARE compare;     /* never null */
   QV_RED_BLACK_DESTROY destroyItem; /* or null */
   QV_RED_BLACK_DESTROY destroyKey;  /* or null */
   uint32_t category;
@@ -993,8 +995,8 @@ QV_API uint32_t __QvGetRedBlackItem(const QV_RED_BLACK_NODE* node, uint64_t* out
 
 /* Removes the entries of the range in key order; for each, after its removal, destroyItem, then
  * destroyKey. The destructors find the tree in order: they may query it, insert into it and remove from
- * it, except the entry that follows in the range. Entries they insert behind that one, within the range,
- * are destroyed too. */
+ * it, except the entry that follows in the range. Entries they insert behind that one, within the
+ * range, are destroyed too. */
 QV_API void __QvDestroyRedBlackRange(QV_RED_BLACK_TREE* tree, uint64_t low, uint64_t high);
 /* Destroys all entries in the same way and releases the tree. The destructors find the tree empty and
  * must not insert into it. Null does nothing. */
@@ -1053,15 +1055,16 @@ QV_API void __QvDeleteAnElementFromSet(QV_SET* set, uint32_t element);
 /* If present, the element's bit in its word, 1 << element % 32; else 0. */
 QV_API uint32_t __QvIsAnElementOfSet(const QV_SET* set, uint32_t element);
 QV_API uint32_t __QvAreSetsEqual(const QV_SET* a, const QV_SET* b);
-/* 0 if equal; else the difference of the counts, a's less b's; else 1. Sets of one size are not ordered. */
+/* 0 if equal; else the difference of the counts, a's less b's; else 1. Sets of one size are not
+ * ordered. */
 QV_API int32_t __QvCompareSets(const QV_SET* a, const QV_SET* b);
 QV_API uint32_t __QvAreSetsDisjoint(const QV_SET* a, const QV_SET* b); /* 0 for one set twice */
 QV_API uint32_t __QvIsASubsetOfSet(const QV_SET* a, const QV_SET* b);  /* a within b */
 
 typedef void (*QV_SET_CALLBACK)(uint32_t element, uint64_t context);
 /* Calls back for each element, ascending. The callback may add to the set and delete from it: the chunk
- * under the scan is reported as it was when the scan reached it, later ones as they then are. A change is
- * seen by the count: one call must not delete and add equally many. */
+ * under the scan is reported as it was when the scan reached it, later ones as they then are. A change
+ * is seen by the count: one call must not delete and add equally many. */
 QV_API void __QvScanSet(const QV_SET* set, QV_SET_CALLBACK callback, uint64_t context);
 
 QV_API void __QvUnionSet(QV_SET* destination, const QV_SET* source);      /* adds the source's */
@@ -1070,8 +1073,8 @@ QV_API void __QvIntersectSet(QV_SET* destination, const QV_SET* a, const QV_SET*
 QV_API void __QvConstructSet(QV_SET* destination, const QV_SET* source); /* a copy */
 /* A move: the destination gives its chunks back and takes the source's; the source is empty. */
 QV_API void __QvConstructSetAndDestroy(QV_SET* destination, QV_SET* source);
-QV_API void __QvDestroySet(QV_SET* set); /* gives all chunks back; the set is empty and usable */
-QV_API void __QvEmptySet(QV_SET* set);   /* the same */
+QV_API void __QvDestroySet(QV_SET* set);        /* gives all chunks back; the set is empty and usable */
+QV_API void __QvEmptySet(QV_SET* set);          /* the same */
 QV_API void __QvPrintOutSet(const QV_SET* set); /* does nothing */
 
 QV_API void __QvAddAnElementToMultiSet(QV_MULTISET* multiset, uint32_t element);
@@ -1082,7 +1085,8 @@ QV_API uint32_t __QvIsMultiSetEmpty(const QV_MULTISET* multiset); /* 1 for null 
 QV_API uint32_t __QvAreMultiSetsEqual(const QV_MULTISET* a, const QV_MULTISET* b);
 QV_API void __QvUnionMultiSet(QV_MULTISET* destination, const QV_MULTISET* source); /* they add */
 QV_API void __QvUnionMultiSetSet(QV_MULTISET* multiset, const QV_SET* set); /* 1 for each element */
-QV_API void __QvDifferenceMultiSet(QV_MULTISET* destination, const QV_MULTISET* source); /* not below 0 */
+QV_API void __QvDifferenceMultiSet(QV_MULTISET* destination,
+                                   const QV_MULTISET* source); /* not below 0 */
 QV_API void __QvIntersectMultiSet(QV_MULTISET* destination, const QV_MULTISET* a,
                                   const QV_MULTISET* b); /* the smaller of the two */
 QV_API void __QvConstructMultiSet(QV_MULTISET* destination, const QV_MULTISET* source);

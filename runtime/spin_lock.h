@@ -61,8 +61,8 @@ QV_INLINE void SpinInitialize(QV_SPIN_LOCK& lock, uint32_t spinCount) { lock = {
 // How an acquisition came about, for a holder that frees the lock by a store.
 enum class Hold : uint8_t { kPassed, kNested, kOnce };
 
-QV_INLINE Hold SpinAcquireKnowing(QV_SPIN_LOCK& lock) {
-  const uint32_t me = SelfId();
+// For callers that take several locks: the hook is asked once, `me` is SelfId().
+QV_INLINE Hold SpinAcquireKnowing(QV_SPIN_LOCK& lock, uint32_t me) {
   if (SpinReenter(lock, me)) return me == 0 ? Hold::kPassed : Hold::kNested;
   if (QV_LIKELY(me != 0 && TryExchange(lock.state, 1u, 0u))) {
     SpinOwn(lock, me);
@@ -70,6 +70,20 @@ QV_INLINE Hold SpinAcquireKnowing(QV_SPIN_LOCK& lock) {
   }
   SpinAcquireSlow(lock, me);
   return me == 0 ? Hold::kPassed : Hold::kOnce;
+}
+
+QV_INLINE Hold SpinAcquireKnowing(QV_SPIN_LOCK& lock) { return SpinAcquireKnowing(lock, SelfId()); }
+
+// One attempt, no waiting: false if another thread holds the lock, and then nothing was done.
+QV_INLINE bool SpinTryKnowing(QV_SPIN_LOCK& lock, uint32_t me, Hold& hold) {
+  if (SpinReenter(lock, me)) {
+    hold = me == 0 ? Hold::kPassed : Hold::kNested;
+    return true;
+  }
+  if (me == 0 || !TryExchange(lock.state, 1u, 0u)) return false;
+  SpinOwn(lock, me);
+  hold = Hold::kOnce;
+  return true;
 }
 
 // Whatever ran in between has released what it acquired, so the first acquisition is the last again.
