@@ -1,0 +1,71 @@
+// A host whose blocks the tests of containers look into: every slab is asked how much of it is in use,
+// so that memory is accounted to the byte and one node too many shows.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <map>
+#include <mutex>
+
+#include "include/qvrt.h"
+
+namespace qvtest {
+
+struct AccountingHost {
+  std::mutex lock;
+  std::map<void*, uint64_t> blocks;
+
+  static AccountingHost& Get() {
+    static AccountingHost host;
+    return host;
+  }
+  static void* Allocate(uint64_t bytes) {
+    AccountingHost& host = Get();
+    const std::lock_guard guard(host.lock);
+    void* const block = malloc(bytes);
+    host.blocks[block] = bytes;
+    return block;
+  }
+  static void Free(void* block) {
+    AccountingHost& host = Get();
+    const std::lock_guard guard(host.lock);
+    if (host.blocks.erase(block) == 0) abort();
+    free(block);
+  }
+  static uint64_t ThreadId() {
+    static thread_local const uint64_t id = uint64_t(gettid());
+    return id;
+  }
+};
+
+inline void InstallAccountingHost() {
+  __QvSetGetNativeThreadIdProc(AccountingHost::ThreadId);
+  __QvInitializeSubAllocator(AccountingHost::Allocate, AccountingHost::Free);
+  __QvRtStartup();
+}
+
+// What a request occupies: its chunk, header word included.
+inline uint64_t ChunkBytes(uint64_t requested) { return (requested + 23) / 16 * 16; }
+
+// Bytes of the chunks that are in use in a category.
+inline uint64_t BytesInUse(uint32_t category) {
+  AccountingHost& host = AccountingHost::Get();
+  const std::lock_guard guard(host.lock);
+  uint64_t bytes = 0;
+  for (const auto& [block, size] : host.blocks) {
+    const QV_SLAB* const slab = static_cast<const QV_SLAB*>(block);
+    if (size != 65536 - 16 || slab->magic != QV_SLAB_MAGIC || slab->category != category) continue;
+    bytes += uint64_t{slab->chunkCount - slab->freeCount} * slab->units * 16;
+  }
+  return bytes;
+}
+
+}  // namespace qvtest
+
+#define ASSERT_SOUND(validation)                              \
+  do {                                                        \
+    const char* const reason = (validation);                  \
+    ASSERT_TRUE(reason == nullptr) << (reason ? reason : ""); \
+  } while (0)
