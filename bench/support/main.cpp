@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -176,7 +177,16 @@ void StartIdleThread() {
       nullptr);
 }
 
+// An allocator opened at run time needs more room for its thread-local data than the loader keeps by
+// default, which is fixed when a process starts.
+void RestartWithRoomForPeers(char** argv) {
+  if (getenv("GLIBC_TUNABLES") != nullptr) return;
+  setenv("GLIBC_TUNABLES", "glibc.rtld.optional_static_tls=16384", 1);
+  execv("/proc/self/exe", argv);
+}
+
 int Main(int argc, char** argv) {
+  RestartWithRoomForPeers(argv);
   std::vector<std::string> arguments = AllArguments(argc, argv);
   std::vector<char*> pointers;
   for (std::string& argument : arguments) pointers.push_back(argument.data());
