@@ -50,12 +50,14 @@ QV_INLINE bool ExclusiveReenter(QV_SHARED_EXCLUSIVE_LOCK& lock, uint64_t me) {
   return true;
 }
 
-QV_INLINE void ExclusiveAcquire(QV_SHARED_EXCLUSIVE_LOCK& lock) {
-  const uint32_t me = SelfId();
+// The calls named …As are for who takes several locks in a row and has asked for its id already.
+QV_INLINE void ExclusiveAcquireAs(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me) {
   if (ExclusiveReenter(lock, me)) return;
   if (QV_LIKELY(me != 0 && TryExchange(lock.state, 2u, 0u))) return ExclusiveOwn(lock, me);
   ExclusiveAcquireSlow(lock, me);
 }
+
+QV_INLINE void ExclusiveAcquire(QV_SHARED_EXCLUSIVE_LOCK& lock) { ExclusiveAcquireAs(lock, SelfId()); }
 
 // One attempt of a caller that does not wait at all; true if it now holds the lock.
 QV_INLINE bool ExclusiveTryOnce(QV_SHARED_EXCLUSIVE_LOCK& lock) {
@@ -79,8 +81,7 @@ QV_INLINE bool ExclusiveIsMine(const QV_SHARED_EXCLUSIVE_LOCK& lock) {
   return LoadRelaxed(lock.state) == 2 && LoadRelaxed(lock.owner) == SelfId();
 }
 
-QV_INLINE void SharedAcquire(QV_SHARED_EXCLUSIVE_LOCK& lock) {
-  const uint32_t me = SelfId();
+QV_INLINE void SharedAcquireAs(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me) {
   if (QV_UNLIKELY(LoadRelaxed(lock.owner) == me)) return;  // the writer, or nobody
   if (QV_LIKELY(me != 0 && LoadRelaxed(lock.writerWaiting) == 0 &&
                 TryExchange(StateWord(lock), kSharedByOne, uint64_t{0}))) {
@@ -89,12 +90,15 @@ QV_INLINE void SharedAcquire(QV_SHARED_EXCLUSIVE_LOCK& lock) {
   SharedAcquireSlow(lock, me);
 }
 
-QV_INLINE void SharedRelease(QV_SHARED_EXCLUSIVE_LOCK& lock) {
-  const uint32_t me = SelfId();
+QV_INLINE void SharedAcquire(QV_SHARED_EXCLUSIVE_LOCK& lock) { SharedAcquireAs(lock, SelfId()); }
+
+QV_INLINE void SharedReleaseAs(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me) {
   if (QV_UNLIKELY(LoadRelaxed(lock.owner) == me || me == 0)) return;  // matches the no-op above
   if (QV_LIKELY(TryExchange(StateWord(lock), uint64_t{0}, kSharedByOne))) return;
   SharedReleaseSlow(lock);
 }
+
+QV_INLINE void SharedRelease(QV_SHARED_EXCLUSIVE_LOCK& lock) { SharedReleaseAs(lock, SelfId()); }
 
 QV_INLINE void SharedInitialize(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t spinCount) {
   lock = {0, 0, 0, 0, 0, spinCount};
