@@ -40,6 +40,10 @@ uint64_t HashByShiftXor(const QV_HASH_TABLE*, uint64_t key) {
   return ShiftXor(key, k);
 }
 
+bool ComparesByCall(const QV_HASH_TABLE& table) {
+  return (table.flags & QV_HASH_TABLE_CUSTOM_KEYS) != 0 && table.compareKeys != nullptr;
+}
+
 // ---- Creation ---------------------------------------------------------------------------------------
 
 int32_t FirstBucketBits(uint32_t flags) {
@@ -154,10 +158,6 @@ QV_HASH_ENTRY* NewEntry(const QV_HASH_TABLE& leaf, uint64_t key, void* data) {
   return entry;
 }
 
-bool ComparesByCall(const QV_HASH_TABLE& table) {
-  return (table.flags & QV_HASH_TABLE_CUSTOM_KEYS) != 0 && table.compareKeys != nullptr;
-}
-
 QV_INLINE QV_HASH_ENTRY* Find(const QV_HASH_TABLE& leaf, const QV_HASH_BUCKET& bucket, uint64_t key) {
   QV_HASH_ENTRY* entry = bucket.head;
   if (QV_LIKELY(!ComparesByCall(leaf))) return FindPlain(entry, key);
@@ -190,18 +190,39 @@ QV_COLD void LeaveScansSlow(HashTable& leaf, QV_HASH_ENTRY** link, const QV_HASH
 
 // ---- Operations of a leaf that locks. The caller's id is asked for once and serves all four steps. ---
 
+// A locked instruction waits for the loads before it, but not for prefetches: the bucket comes in while
+// the table is being locked, the first entry while the bucket is. Both words may be out of date by the
+// time they are used, or of two different arrays; a prefetch does not mind.
+QV_INLINE void PrefetchBucket(const QV_HASH_TABLE& leaf, uint64_t key) {
+  if (leaf.hashFunctions[0] != HashByKey) return;
+  const QV_HASH_BUCKET* const buckets = LoadRelaxed(leaf.buckets);
+  const QV_HASH_BUCKET* const bucket = buckets + (key & uint64_t(LoadRelaxed(leaf.bucketCount) - 1));
+  __builtin_prefetch(&bucket->lock, 1);
+  __builtin_prefetch(&bucket->head);
+}
+QV_INLINE void PrefetchEntry(const QV_HASH_BUCKET& bucket) { __builtin_prefetch(LoadRelaxed(bucket.head)); }
+
 void* LookupLocking(QV_HASH_TABLE& leaf, uint64_t key) {
   const uint32_t me = SelfId();
   void* data = nullptr;
+  PrefetchBucket(leaf, key);
   SharedAcquireAs(leaf.lock, me);
   if (QV_LIKELY(LoadRelaxed(leaf.count) > 0)) {
     QV_HASH_BUCKET& bucket = BucketAt(leaf, LeafHash(leaf, key));
+    PrefetchEntry(bucket);
     SharedAcquireAs(bucket.lock, me);
     data = DataOf(Find(leaf, bucket, key));
     SharedReleaseAs(bucket.lock, me);
   }
   SharedReleaseAs(leaf.lock, me);
   return data;
+}
+
+__attribute__((noinline)) void* Lookup(QV_HASH_TABLE* table, uint64_t key) {
+  QV_HASH_TABLE* const leaf = LeafFor(table, key);
+  if (QV_UNLIKELY(leaf == nullptr)) return nullptr;
+  if (Locks(*leaf)) return LookupLocking(*leaf, key);
+  return DataOf(Find(*leaf, BucketAt(*leaf, LeafHash(*leaf, key)), key));
 }
 
 int32_t CallAcquire(QV_HASH_ACQUIRE_DATA acquire, void* data) {
@@ -311,6 +332,8 @@ HashTable* CreateHashTable(uint32_t flags, const QV_HASH_FUNCTION* hashFunctions
   table->level = levels - 1;
   table->count = 0;
   table->scans = nullptr;
+  table->plain = table->level == 0 && !Locks(*table) && !ComparesByCall(*table) &&
+                 table->hashFunctions[0] == HashByKey;
   table->buckets = AllocateBuckets(*table, table->bucketCount);
   InitializeBuckets(*table);
   return table;
@@ -353,10 +376,10 @@ QV_HASH_TABLE* __QvCreateHashTable(uint32_t flags, const QV_HASH_FUNCTION* hashF
 }
 
 void* __QvLookupHashTable(QV_HASH_TABLE* table, uint64_t key) {
-  QV_HASH_TABLE* const leaf = qv::LeafFor(table, key);
-  if (QV_UNLIKELY(leaf == nullptr)) return nullptr;
-  if (qv::Locks(*leaf)) return qv::LookupLocking(*leaf, key);
-  return qv::DataOf(qv::Find(*leaf, qv::BucketAt(*leaf, qv::LeafHash(*leaf, key)), key));
+  if (QV_LIKELY(table != nullptr && qv::Own(*table).plain)) {
+    return qv::DataOf(qv::FindPlain(qv::BucketAt(*table, key).head, key));
+  }
+  return qv::Lookup(table, key);
 }
 
 int32_t __QvLookupAndAcquireHashTableDataItem(QV_HASH_TABLE* table, uint64_t key,

@@ -34,6 +34,7 @@ struct HashScan {
 // What is behind each QV_HASH_TABLE.
 struct HashTable : QV_HASH_TABLE {
   HashScan* scans;
+  bool plain;  // a leaf that takes no locks, hashes by the key and compares integers
 };
 
 QV_INLINE HashTable& Own(QV_HASH_TABLE& table) { return static_cast<HashTable&>(table); }
