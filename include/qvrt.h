@@ -4,13 +4,12 @@
  * Compiles alone as C11 and as C++17 or later. Everything here is ABI: names, argument widths, record
  * layouts (natural alignment, x86-64 Linux). One section per subsystem:
  *
- *   1  Start-up, hooks, atomics      6  XML files
- *   2  Locks                         7  Message registry and message log
- *   3  Files, processes, strings     8  Command channel
- *   4  Categorised allocator         9  Annotation tables
- *   5  Memory collection, reserves  10  Modules and back traces
- *  11  Debug dump channels          12  Tool options
- *  13  Hash tables                  18  Range tables
+ *   1  Start-up, hooks, atomics       7  Messages, message log     13  Hash tables
+ *   2  Locks                          8  Command channel           14  Queues
+ *   3  Files, processes, strings      9  Annotation tables         15  Vectors
+ *   4  Categorised allocator         10  Modules, back traces      16  Red-black trees
+ *   5  Collection, reserves          11  Debug dump channels       17  Sets and multisets
+ *   6  XML files                     12  Tool options              18  Range tables
  *
  * Conventions, where a comment does not say otherwise:
  *   - 1 is success and 0 is failure; ids and handles use 0xFFFFFFFF for none; pointers use null.
@@ -843,6 +842,120 @@ QV_API void __QvPrintHelpAll(int32_t showAll); /* for every parser, in the order
 /* Writes the values in force of all options into the message log, a comment each; the values of an
  * append option together, cut at 2,047 characters. A null string is written as "(null)". */
 QV_API void __QvLogToolOptionValues(uint32_t parser);
+
+/* ==== 13 Hash tables ============================================================================
+ * 64-bit keys to pointers that stay the caller's. One to three levels: the buckets of an upper level
+ * hold whole tables, made on first use; the leaves hold the entries and double their bucket array as
+ * they fill. An operation costs one indexed load for each upper level, then the hash of the key and one
+ * chain of an expected length of 1 or less. An insertion that grows a leaf moves all its entries.
+ *
+ * Locks, unless QV_HASH_TABLE_NO_LOCKING: in a leaf the table, each bucket and each entry have a
+ * shared/exclusive lock with a spin count of 0. Table before bucket; upper levels are walked without.
+ *
+ *                   table lock              bucket lock  entry lock
+ *   lookup          shared                  shared                    also while acquire runs
+ *   insertion       shared, then released   exclusive                 first search
+ *                   exclusive                                         second search, growth, new entry
+ *   removal         shared, then released   exclusive
+ *                   exclusive                                         to count the entry out
+ *   scan            exclusive, one try                   exclusive, one try for each
+ *   destruction     none
+ *
+ * What a callback may do follows from what is held while it runs:
+ *   hash function, compare, release of a key, acquire, freeData
+ *       run in the middle of an operation: no call into the same table, no wait for a thread that may
+ * be in one. visit and release of a scan any call for the same table but its destruction. What they
+ * remove, the entry under the scan included, the scan passes over from then on and does not count;
+ * whether it visits what they insert is open; a leaf that is due to grow does so at an insertion after
+ * the scan. A table of several levels that locks: two scans whose callbacks call into each other's
+ * leaves would wait for each other. All may allocate and free. A memory collector that runs because an
+ * operation allocates may scan the same table, but not insert into it.
+ *
+ * A null table: nothing is found, added, removed or visited. */
+typedef struct QV_HASH_TABLE QV_HASH_TABLE;
+
+/* The bucket is the result modulo table->bucketCount. A leaf's function is asked again when the leaf
+ * has grown, so it may depend on bucketCount and bucketBits. */
+typedef uint64_t (*QV_HASH_FUNCTION)(const QV_HASH_TABLE* table, uint64_t key);
+/* Non-zero if the keys are equal. Equal keys must have equal hashes at every level. */
+typedef int32_t (*QV_HASH_COMPARE_KEYS)(uint64_t entryKey, uint64_t key);
+typedef void (*QV_HASH_RELEASE_KEY)(uint64_t key);
+typedef int32_t (*QV_HASH_ACQUIRE_DATA)(void* data);
+typedef int32_t (*QV_HASH_VISIT)(void* data, uint64_t context);
+typedef int32_t (*QV_HASH_RELEASE_DATA)(void* data);
+typedef void (*QV_HASH_FREE_DATA)(void* data);
+
+enum {
+  QV_HASH_TABLE_NO_LOCKING = 0x2,     /* one thread at a time; no lock word is touched */
+  QV_HASH_TABLE_512_BUCKETS = 0x8,    /* in each new leaf and upper table; else 256 */
+  QV_HASH_TABLE_1024_BUCKETS = 0x10,  /* ignored beside the former */
+  QV_HASH_TABLE_CUSTOM_KEYS = 0x80,   /* compareKeys decides; releaseKey runs for entries that leave */
+  QV_HASH_TABLE_CATEGORY_SHIFT = 8,   /* eight bits: memory category of all allocations */
+  QV_HASH_TABLE_SLAB_SIZE_SHIFT = 16, /* four bits: slabSizeShift of the entries */
+  QV_HASH_LEVELS = 3
+};
+
+typedef struct QV_HASH_ENTRY {
+  struct QV_HASH_ENTRY* next;
+  uint64_t key;
+  void* data;
+  QV_SHARED_EXCLUSIVE_LOCK lock; /* the memory for it is not there in a table that does not lock */
+} QV_HASH_ENTRY;
+
+typedef struct QV_HASH_BUCKET {
+  QV_SHARED_EXCLUSIVE_LOCK lock;
+  QV_HASH_ENTRY* head; /* leaf: the newest entry, or null. Upper level: the sub-table (really a
+                          QV_HASH_TABLE*); null, there is none yet; 1, a thread is making it */
+} QV_HASH_BUCKET;
+
+struct QV_HASH_TABLE {
+  QV_SHARED_EXCLUSIVE_LOCK lock;
+  QV_HASH_FUNCTION hashFunctions[QV_HASH_LEVELS]; /* slot i serves tables of level i */
+  QV_HASH_COMPARE_KEYS compareKeys;
+  QV_HASH_RELEASE_KEY releaseKey; /* may be null */
+  QV_HASH_BUCKET* buckets;
+  int32_t bucketCount; /* a power of two, at most 67,108,864: from there on chains lengthen instead */
+  int32_t bucketBits;
+  int32_t count; /* leaf: entries. Upper level: sub-tables */
+  int32_t level; /* 0 in a leaf */
+  uint32_t flags;
+};
+
+/* A new table of 1 to 3 levels; fewer count as 1, more as 3. hashFunctions, or members of it, may be
+ * null. The defaults are, from the leaf up, the key; key >> bucketBits; key >> (3 * bucketBits). With
+ * custom keys and a null compareKeys, keys are compared as integers. A category above 63 or a
+ * slabSizeShift above 15 is a fatal tool defect. */
+QV_API QV_HASH_TABLE* __QvCreateHashTable(uint32_t flags, const QV_HASH_FUNCTION* hashFunctions,
+                                          int32_t levels, QV_HASH_COMPARE_KEYS compareKeys,
+                                          QV_HASH_RELEASE_KEY releaseKey, uint32_t category,
+                                          uint32_t slabSizeShift);
+/* The data now stored under the key: the argument if it was added; if not, what was there before, and
+ * the key passed stays the caller's. Null data can be stored; a lookup cannot tell it from absence. */
+QV_API void* __QvInsertHashTableEntry(QV_HASH_TABLE* table, uint64_t key, void* data);
+QV_API void* __QvLookupHashTable(QV_HASH_TABLE* table, uint64_t key); /* the data, or null */
+/* Present: stores the data through out and returns what acquire(data) returned. No removal of the key
+ * passes while acquire runs, so it is the place to take a reference. Absent: stores null, returns 1. A
+ * null acquire counts as one that returns 1; out may be null. */
+QV_API int32_t __QvLookupAndAcquireHashTableDataItem(QV_HASH_TABLE* table, uint64_t key,
+                                                     QV_HASH_ACQUIRE_DATA acquire, void** out);
+/* The data of the entry removed; null if there was none, and for null data, which is removed too. */
+QV_API void* __QvRemoveHashTableEntry(QV_HASH_TABLE* table, uint64_t key);
+
+/* Visits every entry of every leaf and returns how many it removed: with removeMatches, an entry for
+ * which visit returns non-zero goes if release is null or release(data) returns non-zero too. Never
+ * waits: a leaf whose lock is held, also by the caller exclusively, and an entry whose lock another
+ * thread holds are passed over. *outCount (may be null) receives the entries that were there before,
+ * those passed over included. A null visit visits nothing. Costs all buckets and entries. */
+QV_API uint32_t __QvScanHashTable(QV_HASH_TABLE* table, QV_HASH_VISIT visit, uint64_t context,
+                                  uint32_t removeMatches, QV_HASH_RELEASE_DATA release,
+                                  uint32_t* outCount);
+/* The same without a visit: an entry goes if release is null or release(data) returns non-zero. */
+QV_API uint32_t __QvScanAndEmptyHashTable(QV_HASH_TABLE* table, QV_HASH_RELEASE_DATA release,
+                                          uint32_t* outCount);
+/* Calls freeData (may be null) with every entry's data, null included, then releaseKey where keys are
+ * custom, and gives all memory back. No other thread may be using the table. Null does nothing. */
+QV_API void __QvDestroyHashTable(QV_HASH_TABLE* table, QV_HASH_FREE_DATA freeData);
+
 /* ==== 14 Queues =================================================================================
  * First in, first out, of 64-bit values. Two locks, one at each end: with two or more elements in it, a
  * producer and a consumer take different locks and write no word in common. An operation is constant
@@ -1095,136 +1208,21 @@ QV_API void __QvConstructMultiSetAndDestroy(QV_MULTISET* destination, QV_MULTISE
 QV_API void __QvDestroyMultiSet(QV_MULTISET* multiset);
 QV_API void __QvEmptyMultiSet(QV_MULTISET* multiset);
 QV_API void __QvPrintOutMultiSet(const QV_MULTISET* multiset); /* does nothing */
-/* ==== 13 Hash tables ============================================================================
- * 64-bit keys to pointers that stay the caller's. One to three levels: the buckets of an upper level
- * hold whole tables, made on first use; the leaves hold the entries and double their bucket array as
- * they fill. An operation costs one indexed load for each upper level, then the hash of the key and one
- * chain of an expected length of 1 or less. An insertion that grows a leaf moves all its entries.
- *
- * Locks, unless QV_HASH_TABLE_NO_LOCKING: in a leaf the table, each bucket and each entry have a
- * shared/exclusive lock with a spin count of 0. Table before bucket; upper levels are walked without.
- *
- *                   table lock              bucket lock  entry lock
- *   lookup          shared                  shared                    also while acquire runs
- *   insertion       shared, then released   exclusive                 first search
- *                   exclusive                                         second search, growth, new entry
- *   removal         shared, then released   exclusive
- *                   exclusive                                         to count the entry out
- *   scan            exclusive, one try                   exclusive, one try for each
- *   destruction     none
- *
- * What a callback may do follows from what is held while it runs:
- *   hash function, compare, release of a key, acquire, freeData
- *       run in the middle of an operation: no call into the same table, no wait for a thread that may be
- *       in one.
- *   visit and release of a scan
- *       any call for the same table but its destruction. What they remove, the entry under the scan
- *       included, the scan passes over from then on and does not count; whether it visits what they
- *       insert is open; a leaf that is due to grow does so at an insertion after the scan. A table of
- *       several levels that locks: two scans whose callbacks call into each other's leaves would wait
- *       for each other.
- * All may allocate and free. A memory collector that runs because an operation allocates may scan the
- * same table, but not insert into it.
- *
- * A null table: nothing is found, added, removed or visited. */
-typedef struct QV_HASH_TABLE QV_HASH_TABLE;
-
-/* The bucket is the result modulo table->bucketCount. A leaf's function is asked again when the leaf has
- * grown, so it may depend on bucketCount and bucketBits. */
-typedef uint64_t (*QV_HASH_FUNCTION)(const QV_HASH_TABLE* table, uint64_t key);
-/* Non-zero if the keys are equal. Equal keys must have equal hashes at every level. */
-typedef int32_t (*QV_HASH_COMPARE_KEYS)(uint64_t entryKey, uint64_t key);
-typedef void (*QV_HASH_RELEASE_KEY)(uint64_t key);
-typedef int32_t (*QV_HASH_ACQUIRE_DATA)(void* data);
-typedef int32_t (*QV_HASH_VISIT)(void* data, uint64_t context);
-typedef int32_t (*QV_HASH_RELEASE_DATA)(void* data);
-typedef void (*QV_HASH_FREE_DATA)(void* data);
-
-enum {
-  QV_HASH_TABLE_NO_LOCKING = 0x2,   /* one thread at a time; no lock word is touched */
-  QV_HASH_TABLE_512_BUCKETS = 0x8,  /* in each new leaf and upper table; else 256 */
-  QV_HASH_TABLE_1024_BUCKETS = 0x10, /* ignored beside the former */
-  QV_HASH_TABLE_CUSTOM_KEYS = 0x80, /* compareKeys decides; releaseKey runs for entries that leave */
-  QV_HASH_TABLE_CATEGORY_SHIFT = 8, /* eight bits: memory category of all allocations */
-  QV_HASH_TABLE_SLAB_SIZE_SHIFT = 16, /* four bits: slabSizeShift of the entries */
-  QV_HASH_LEVELS = 3
-};
-
-typedef struct QV_HASH_ENTRY {
-  struct QV_HASH_ENTRY* next;
-  uint64_t key;
-  void* data;
-  QV_SHARED_EXCLUSIVE_LOCK lock; /* the memory for it is not there in a table that does not lock */
-} QV_HASH_ENTRY;
-
-typedef struct QV_HASH_BUCKET {
-  QV_SHARED_EXCLUSIVE_LOCK lock;
-  QV_HASH_ENTRY* head; /* leaf: the newest entry, or null. Upper level: the sub-table (really a
-                          QV_HASH_TABLE*); null, there is none yet; 1, a thread is making it */
-} QV_HASH_BUCKET;
-
-struct QV_HASH_TABLE {
-  QV_SHARED_EXCLUSIVE_LOCK lock;
-  QV_HASH_FUNCTION hashFunctions[QV_HASH_LEVELS]; /* slot i serves tables of level i */
-  QV_HASH_COMPARE_KEYS compareKeys;
-  QV_HASH_RELEASE_KEY releaseKey; /* may be null */
-  QV_HASH_BUCKET* buckets;
-  int32_t bucketCount; /* a power of two, at most 67,108,864: from there on chains lengthen instead */
-  int32_t bucketBits;
-  int32_t count; /* leaf: entries. Upper level: sub-tables */
-  int32_t level; /* 0 in a leaf */
-  uint32_t flags;
-};
-
-/* A new table of 1 to 3 levels; fewer count as 1, more as 3. hashFunctions, or members of it, may be
- * null. The defaults are, from the leaf up, the key; key >> bucketBits; key >> (3 * bucketBits). With
- * custom keys and a null compareKeys, keys are compared as integers. A category above 63 or a
- * slabSizeShift above 15 is a fatal tool defect. */
-QV_API QV_HASH_TABLE* __QvCreateHashTable(uint32_t flags, const QV_HASH_FUNCTION* hashFunctions,
-                                          int32_t levels, QV_HASH_COMPARE_KEYS compareKeys,
-                                          QV_HASH_RELEASE_KEY releaseKey, uint32_t category,
-                                          uint32_t slabSizeShift);
-/* The data now stored under the key: the argument if it was added; if not, what was there before, and
- * the key passed stays the caller's. Null data can be stored; a lookup cannot tell it from absence. */
-QV_API void* __QvInsertHashTableEntry(QV_HASH_TABLE* table, uint64_t key, void* data);
-QV_API void* __QvLookupHashTable(QV_HASH_TABLE* table, uint64_t key); /* the data, or null */
-/* Present: stores the data through out and returns what acquire(data) returned. No removal of the key
- * passes while acquire runs, so it is the place to take a reference. Absent: stores null, returns 1. A
- * null acquire counts as one that returns 1; out may be null. */
-QV_API int32_t __QvLookupAndAcquireHashTableDataItem(QV_HASH_TABLE* table, uint64_t key,
-                                                     QV_HASH_ACQUIRE_DATA acquire, void** out);
-/* The data of the entry removed; null if there was none, and for null data, which is removed too. */
-QV_API void* __QvRemoveHashTableEntry(QV_HASH_TABLE* table, uint64_t key);
-
-/* Visits every entry of every leaf and returns how many it removed: with removeMatches, an entry for
- * which visit returns non-zero goes if release is null or release(data) returns non-zero too. Never
- * waits: a leaf whose lock is held, also by the caller exclusively, and an entry whose lock another
- * thread holds are passed over. *outCount (may be null) receives the entries that were there before,
- * those passed over included. A null visit visits nothing. Costs all buckets and entries. */
-QV_API uint32_t __QvScanHashTable(QV_HASH_TABLE* table, QV_HASH_VISIT visit, uint64_t context,
-                                  uint32_t removeMatches, QV_HASH_RELEASE_DATA release,
-                                  uint32_t* outCount);
-/* The same without a visit: an entry goes if release is null or release(data) returns non-zero. */
-QV_API uint32_t __QvScanAndEmptyHashTable(QV_HASH_TABLE* table, QV_HASH_RELEASE_DATA release,
-                                          uint32_t* outCount);
-/* Calls freeData (may be null) with every entry's data, null included, then releaseKey where keys are
- * custom, and gives all memory back. No other thread may be using the table. Null does nothing. */
-QV_API void __QvDestroyHashTable(QV_HASH_TABLE* table, QV_HASH_FREE_DATA freeData);
 
 /* ==== 18 Range tables ===========================================================================
  * Disjoint address ranges [start, end) to 64-bit items: which range holds this address? A range is cut
- * into aligned blocks of powers of two, from 32 bytes to the table's largest, and each block is an entry
- * in the hash table of its size. A lookup asks the sizes in use, at most 23 and each at most once,
- * however many ranges there are. Insertion and removal cost the number of blocks: at most two of each
- * size below the largest, and as many of the largest as fit.
+ * into aligned blocks of powers of two, from 32 bytes to the table's largest, and each block is an
+ * entry in the hash table of its size. A lookup asks the sizes in use, at most 23 and each at most
+ * once, however many ranges there are. Insertion and removal cost the number of blocks: at most two of
+ * each size below the largest, and as many of the largest as fit.
  *
  * No locks: the caller serialises all calls on one table, lookups too. destroyItem runs when nothing in
  * the table names the range any more, and may use the table, except to destroy it. A memory collector
  * must keep away from a table whose insertion made it run.
  *
- * The caller keeps the ranges disjoint. Where an inserted range overlaps one that is there, a block that
- * both need stays with the old one (32-byte blocks with chains take both). If it gets no block at all, it
- * is dropped and its item left to the caller.
+ * The caller keeps the ranges disjoint. Where an inserted range overlaps one that is there, a block
+ * that both need stays with the old one (32-byte blocks with chains take both). If it gets no block at
+ * all, it is dropped and its item left to the caller.
  *
  * A null table: nothing is inserted, found or removed, and out pointers receive 0. */
 
@@ -1265,8 +1263,8 @@ typedef struct QV_RANGE_LINK {
 QV_API QV_RANGE_TABLE* __QvCreateRangeTable(uint64_t largestRange, uint32_t category,
                                             uint32_t slabSizeShift, uint32_t flags,
                                             QV_RANGE_DESTROY_ITEM destroyItem);
-/* An empty or inverted range is not registered. The last byte of the address space cannot be in a range:
- * its end would be 0. */
+/* An empty or inverted range is not registered. The last byte of the address space cannot be in a
+ * range: its end would be 0. */
 QV_API void __QvInsertRangeTableEntry(QV_RANGE_TABLE* table, uint64_t start, uint64_t end,
                                       uint64_t item);
 /* The item of the range that holds the address, or 0; its bounds, or 0 and 0, through the out pointers
@@ -1278,15 +1276,15 @@ QV_API uint64_t __QvLookupRangeTable(QV_RANGE_TABLE* table, uint64_t address, ui
 QV_API void __QvRemoveRangeTableEntry(QV_RANGE_TABLE* table, uint64_t start, uint64_t end);
 QV_API void __QvDestroyRangeTableEntry(QV_RANGE_TABLE* table, uint64_t start, uint64_t end);
 /* Takes out the first range found from low on and returns its item; 0 if there is none below high. A
- * range found in a chain lies inside the interval; one found by another block may reach over its bounds.
- * A range is not seen at a position where its block is larger than the rest of the interval. Costs the
- * width of the interval in steps of 32 bytes, or the size of the table where that is less. */
+ * range found in a chain lies inside the interval; one found by another block may reach over its
+ * bounds. A range is not seen at a position where its block is larger than the rest of the interval.
+ * Costs the width of the interval in steps of 32 bytes, or the size of the table where that is less. */
 QV_API uint64_t __QvRemoveFirstRangeTableEntry(QV_RANGE_TABLE* table, uint64_t low, uint64_t high);
 /* Destroys every range that meets [base, base + length), cut off at the top of the address space, and
  * stores the extent cleared, which reaches beyond the span where a range did (the out pointers may be
- * null). A length of 0 destroys the range that holds base. A range that starts at address 0 is destroyed
- * only if it lies inside the span, or has a block there no larger than the rest of the span. What
- * destroyItem inserts into the span may be destroyed too. Costs as the former, for each range
+ * null). A length of 0 destroys the range that holds base. A range that starts at address 0 is
+ * destroyed only if it lies inside the span, or has a block there no larger than the rest of the span.
+ * What destroyItem inserts into the span may be destroyed too. Costs as the former, for each range
  * destroyed. */
 QV_API void __QvDestroyRangeTableSpan(QV_RANGE_TABLE* table, uint64_t base, uint64_t length,
                                       uint64_t* startOut, uint64_t* endOut);
