@@ -104,8 +104,7 @@ TEST(Host, SlotsAreNullInNewThreadsAndAfterReuse) {
   EXPECT_TRUE(child.Ok()) << child.err;
 }
 
-// ---- Memory
-// ------------------------------------------------------------------------------------------
+// ---- Memory ----------------------------------------------------------------------------------------
 
 struct Block {
   unsigned char* address;
@@ -256,8 +255,7 @@ TEST(Host, NeverCallsMallocAndNamesABlockFreedTwice) {
   EXPECT_EQ(foreign.err.find("qvhost: a block was freed that is none of the host's"), 0u);
 }
 
-// ---- Fork
-// --------------------------------------------------------------------------------------------
+// ---- Fork ------------------------------------------------------------------------------------------
 
 TEST(Host, AForkedChildAllocatesWhateverOtherThreadsWereDoing) {
   const auto child = RunChild([] {
@@ -303,8 +301,7 @@ TEST(Host, ForkHandlersOfTheProgramMayAllocate) {
   EXPECT_TRUE(child.Ok()) << child.err;
 }
 
-// ---- Thread services
-// ---------------------------------------------------------------------------------
+// ---- Thread services -------------------------------------------------------------------------------
 
 const qv::ThreadProcs& Procs() { return qv::g_threadProcs; }  // as the library sees them
 

@@ -1,0 +1,158 @@
+// The census: who counts what, and where.
+//
+// Every thread counts into a record of its own, found through one word of thread-local storage; nothing
+// is shared on the way of an allocation but the words below, which are read far more often than
+// written.
+//
+//   t_counting -> ThreadRecord --- list of running threads --- list of ended threads --- g_folded
+//                    |                                          (the last 1000)          (sum of older)
+//                    '- figures, sizes, balance, peaks
+//
+// Live bytes and their peak. A thread's balance is what it allocated less what it released; the
+// process's live bytes are the sum of all balances. g_settledLive holds the part of the sum that
+// threads have made known: a thread adds its difference when that passes kSettleBytes either way, and
+// when it ends. What a thread takes for the present total (settled + its own difference) is exact while
+// no other thread has anything unsettled, hence always in a process with one thread; otherwise it is
+// off by at most kSettleBytes for each other running thread. The report gives that bound.
+//
+// Invariants
+//  (1) A record is written by its thread alone, until that thread no longer exists: a thread goes on
+//      counting into its record while its thread-local storage is being torn down. So a record leaves
+//      the list of ended threads only when the kernel no longer knows the thread.
+//  (2) t_counting is null in a thread without a record and while the thread is inside the collector;
+//  what
+//      the collector itself has libc allocate is served by the arena and not counted.
+//  (3) The lists, the tables of sizes and every call into the library that allocates, logs or writes
+//  XML are
+//      under g_censusLock. A fork takes it, so no thread is inside the library when a child comes into
+//      being.
+#pragma once
+
+#include <errno.h>
+
+#include "collectors/qvheap/sizes.h"
+#include "collectors/qvheap/words.h"
+
+namespace qvheap {
+
+enum Figure : uint32_t {
+  kAllocations,     // requests that were granted; a realloc that was granted is one too
+  kReleases,        // blocks that went back and that we had counted; a realloc's old block is one too
+  kReallocations,   // the reallocs among both
+  kBytesAllocated,  // as requested
+  kBytesReleased,
+  kFailedRequests,
+  kUnknownReleases,  // blocks that went back and that we had not counted
+  kUnrecorded,       // requests that were granted, but there was no memory to note them
+  kFigures
+};
+
+inline constexpr uint32_t kSizeBuckets = 49;  // 0; then [2^(k-1), 2^k) for k = 1 to 48
+
+struct Counts {
+  uint64_t figures[kFigures];
+  uint64_t peakBytes;  // highest balance
+  uint64_t sizes[kSizeBuckets];
+};
+
+struct ThreadRecord {
+  Counts counts;
+  int64_t settled;      // the part of the balance that is in g_settledLive
+  int64_t mayOwe;       // how far the balance may be from it: kSettleBytes, 0 once the thread has ended
+  int64_t processPeak;  // the highest total that this thread saw
+  uint32_t threadId;
+  ThreadRecord* next;
+  ThreadRecord* previous;  // among the running ones
+};
+
+inline constexpr int64_t kSettleBytes = 8192;
+
+extern int64_t g_settledLive;
+extern QV_SPIN_LOCK g_censusLock;
+extern thread_local ThreadRecord* t_counting;
+extern thread_local ThreadRecord* t_record;
+extern thread_local bool t_inside;
+
+// While it lives, the calling thread is inside the collector (2). errno is the program's.
+class Inside : NonCopyable {
+ public:
+  Inside() : nested_(t_inside), errno_(errno) {
+    t_inside = true;
+    t_counting = nullptr;
+  }
+  ~Inside() {
+    t_inside = nested_;
+    if (!nested_) t_counting = t_record;
+    errno = errno_;
+  }
+
+ private:
+  const bool nested_;
+  const int errno_;
+};
+
+// The record of a thread that has none in t_counting: null if the thread is inside the collector. The
+// first call in the process sets the collector up.
+QVHEAP_COLD ThreadRecord* EnterSlow();
+
+// ---- Counting: the hot paths -----------------------------------------------------------------------
+
+QVHEAP_INLINE uint32_t BucketOf(uint64_t bytes) {
+  const uint32_t width = bytes == 0 ? 0 : uint32_t(64 - __builtin_clzll(bytes));
+  return width < kSizeBuckets ? width : kSizeBuckets - 1;
+}
+
+QVHEAP_INLINE int64_t BalanceOf(const Counts& counts) {
+  return int64_t(Load(counts.figures[kBytesAllocated]) - Load(counts.figures[kBytesReleased]));
+}
+
+QVHEAP_COLD void Settle(ThreadRecord& me);
+
+QVHEAP_INLINE void SettleIfFar(ThreadRecord& me, int64_t unsettled) {
+  if (QVHEAP_UNLIKELY(uint64_t(unsettled + me.mayOwe) > 2 * uint64_t(me.mayOwe))) Settle(me);
+}
+
+QVHEAP_INLINE void CountAllocation(ThreadRecord& me, uint64_t bytes) {
+  Add(me.counts.figures[kAllocations], 1);
+  Add(me.counts.figures[kBytesAllocated], bytes);
+  Add(me.counts.sizes[BucketOf(bytes)], 1);
+  const int64_t balance = BalanceOf(me.counts);
+  if (balance > int64_t(me.counts.peakBytes)) Store(me.counts.peakBytes, uint64_t(balance));
+  const int64_t unsettled = balance - me.settled;
+  const int64_t total = Load(g_settledLive) + unsettled;
+  if (total > me.processPeak) Store(me.processPeak, total);
+  SettleIfFar(me, unsettled);
+}
+
+// Of a block that another count follows at once (realloc): the balance dips without anybody looking.
+QVHEAP_INLINE void CountReleaseOnly(ThreadRecord& me, uint64_t bytes) {
+  Add(me.counts.figures[kReleases], 1);
+  Add(me.counts.figures[kBytesReleased], bytes);
+}
+
+QVHEAP_INLINE void CountRelease(ThreadRecord& me, uint64_t bytes) {
+  CountReleaseOnly(me, bytes);
+  SettleIfFar(me, BalanceOf(me.counts) - me.settled);
+}
+
+// ---- For the collector's other files ---------------------------------------------------------------
+
+void* AllocateLocked(uint32_t bytes);  // from the library; null if there is no memory
+
+void InstallCensus();            // the key by which the end of a thread is learnt
+ThreadRecord* RegisterThread();  // never null
+void RestartCensusLocked();      // in a child process: the calling thread alone, all figures 0
+
+struct Totals {
+  Counts counts;     // peakBytes: of the process
+  uint64_t threads;  // that counted, ever
+  uint64_t foldedThreads;
+  uint64_t peakToleranceBytes;
+};
+Totals SumLocked();
+// Calls visit for every thread that still has a record, ended ones first, in order.
+void VisitThreadsLocked(void (*visit)(const ThreadRecord& record, bool ended, void* context),
+                        void* context);
+const Counts& FoldedCountsLocked();
+
+}  // namespace qvheap

@@ -1,0 +1,94 @@
+// The collector's life in a process: set-up, fork, exit. Design: collectors/qvheap/life.h.
+#include "collectors/qvheap/life.h"
+
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "collectors/qvheap/census.h"
+#include "collectors/qvheap/heap.h"
+#include "collectors/qvheap/report.h"
+#include "collectors/qvheap/table.h"
+#include "host/qvhost.h"
+
+namespace qvheap {
+namespace {
+
+constinit bool g_installed = false;  // set by the process's first allocation, before it has threads
+constinit bool g_started = false;
+
+// The program's own handlers that run after this one may allocate: they are counted as always. The
+// order of the locks is that of their holders: the arena is used under the census lock.
+void BeforeFork() {
+  __QvAcquireSpinLock(&g_censusLock);
+  __QvAcquireSpinLock(&g_arenaLock);
+}
+
+void AfterForkInParent() {
+  __QvReleaseSpinLock(&g_arenaLock);
+  __QvReleaseSpinLock(&g_censusLock);
+}
+
+// The locks' owner has another thread id here, so they are made anew rather than released.
+void AfterForkInChild() {
+  __QvInitializeSpinLockAndSpinCount(&g_arenaLock, g_arenaLock.spinCount);
+  __QvInitializeSpinLockAndSpinCount(&g_censusLock, g_censusLock.spinCount);
+  const Inside inside;
+  const SpinGuard guard(g_censusLock);
+  ForgetAllSizes();
+  RestartCensusLocked();
+  g_process.pid = getpid();
+  DropStandardError();
+  if (g_started) BeginLogLocked();
+}
+
+void AtExit(int, void*) {
+  if (getpid() != g_process.pid) return;  // a child that no fork handler told us of: not its census
+  const Inside inside;
+  ReportOnce();
+}
+
+void Install() {
+  g_installed = true;
+  FindRealFunctions();
+  QvHostInstall();
+  InstallCensus();
+  pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);  // so they run before the host's
+}
+
+void NameProgram() {
+  const ssize_t length = readlink("/proc/self/exe", g_process.program, sizeof g_process.program - 1);
+  g_process.program[length > 0 ? length : 0] = 0;
+}
+
+// on_exit rather than atexit: the handler does not belong to this library, and being among the first
+// that are registered it runs among the last, after the exit functions of the program and of its
+// libraries.
+__attribute__((constructor)) void Start() {
+  const Inside inside;
+  if (!g_installed) Install();
+  __QvRtStartup();
+  g_process.pid = getpid();
+  NameProgram();
+  ParseOptions(getenv(kOptionsVariable), g_process.options);
+  on_exit(AtExit, nullptr);
+  const SpinGuard guard(g_censusLock);
+  BeginLogLocked();
+  g_started = true;
+}
+
+}  // namespace
+
+constinit Process g_process = {};
+
+ThreadRecord* EnterSlow() {
+  if (t_inside) return nullptr;
+  if (!g_installed) {
+    const Inside inside;
+    Install();
+  }
+  return t_record != nullptr ? t_record : RegisterThread();
+}
+
+}  // namespace qvheap

@@ -1,0 +1,102 @@
+// The requested size of every live block, so that a release is charged with exactly the bytes that its
+// allocation asked for.
+//
+// Why beside the heap: the allocator's usable size is not what was asked for, and a header or trailer
+// of ours would move the program's blocks, change their spacing and be at the mercy of its stray
+// writes. Here the program's heap is laid out as it would be without us. The price is one byte for
+// every 8 bytes of address space that holds blocks, made in steps of 128 KiB for each 1 MiB.
+//
+//   address   | 46 ... 34 | 33 ... 20 | 19 ... 3 | 2 1 0 |
+//                  |           |          |
+//             g_middles   Middle::leaves  Leaf::codes: what starts in these 8 bytes
+//
+//   code   0            no block that we know
+//          1 to 248     a block of code - 1 bytes
+//          255          a block of 248 bytes or more: its size is in the 8 codes that follow, which lie
+//                       inside the block, so no other block needs them
+//
+// Invariants
+//  (1) The codes of a block belong to the thread that owns the block: they are written after the
+//  allocator
+//      gave it out and cleared before the allocator takes it back. Hence no lock and no atomics there.
+//  (2) Tables are made under the census lock and published with release order; they are never freed.
+//  (3) In a child process nothing is known: all tables are stale and are cleared when they are used
+//  again.
+#pragma once
+
+#include <string.h>
+
+#include "collectors/qvheap/words.h"
+
+namespace qvheap {
+
+inline constexpr uint32_t kAddressBits = 47;
+inline constexpr uint32_t kMiddleShift = 34;
+inline constexpr uint32_t kLeafShift = 20;
+inline constexpr uint32_t kGranuleShift = 3;
+inline constexpr uint32_t kLeavesPerMiddle = 1 << (kMiddleShift - kLeafShift);
+inline constexpr uint32_t kCodesPerLeaf = 1 << (kLeafShift - kGranuleShift);
+inline constexpr uint64_t kLargestShortSize = 247;
+inline constexpr uint8_t kLongCode = 255;
+
+struct Leaf {
+  Leaf* next;  // of all leaves in use, or of all stale ones
+  uint8_t codes[kCodesPerLeaf];
+  uint8_t overrun[16];  // a long code may begin in the last of them
+};
+
+struct Middle {
+  Middle* next;  // as in Leaf
+  uint64_t index;
+  Leaf* leaves[kLeavesPerMiddle];
+};
+
+extern Middle* g_middles[1 << (kAddressBits - kMiddleShift)];
+
+// Null if there is no memory for the tables, or the address is beyond them.
+QVHEAP_COLD uint8_t* MakeCodeSlow(const void* block);
+// For a child process; the census lock is held, other threads do not exist.
+void ForgetAllSizes();
+
+QVHEAP_INLINE uint8_t* FindCode(const void* block) {
+  const uint64_t address = reinterpret_cast<uint64_t>(block);
+  if (QVHEAP_UNLIKELY(address >> kAddressBits != 0)) return nullptr;
+  Middle* const middle = __atomic_load_n(&g_middles[address >> kMiddleShift], __ATOMIC_ACQUIRE);
+  if (QVHEAP_UNLIKELY(middle == nullptr)) return nullptr;
+  Leaf* const leaf =
+      __atomic_load_n(&middle->leaves[(address >> kLeafShift) % kLeavesPerMiddle], __ATOMIC_ACQUIRE);
+  if (QVHEAP_UNLIKELY(leaf == nullptr)) return nullptr;
+  return &leaf->codes[(address >> kGranuleShift) % kCodesPerLeaf];
+}
+
+// False if the size could not be kept.
+QVHEAP_INLINE bool KeepSize(const void* block, uint64_t bytes) {
+  uint8_t* code = FindCode(block);
+  if (QVHEAP_UNLIKELY(code == nullptr)) {
+    code = MakeCodeSlow(block);
+    if (code == nullptr) return false;
+  }
+  if (QVHEAP_LIKELY(bytes <= kLargestShortSize)) {
+    *code = uint8_t(bytes + 1);
+  } else {
+    *code = kLongCode;
+    memcpy(code + 1, &bytes, sizeof bytes);
+  }
+  return true;
+}
+
+// Forgets the block; false if we do not know it.
+QVHEAP_INLINE bool TakeSize(const void* block, uint64_t& bytes) {
+  uint8_t* const code = FindCode(block);
+  if (QVHEAP_UNLIKELY(code == nullptr || *code == 0)) return false;
+  if (QVHEAP_LIKELY(*code != kLongCode)) {
+    bytes = uint64_t{*code} - 1;
+    *code = 0;
+  } else {
+    memcpy(&bytes, code + 1, sizeof bytes);
+    memset(code, 0, 1 + sizeof bytes);
+  }
+  return true;
+}
+
+}  // namespace qvheap

@@ -1,0 +1,193 @@
+// The functions that stand in front of the program's allocator, and fclose (table.h). They ask it for
+// exactly what the program asked for and hand on exactly what it answers; in between they count.
+//
+// A call that the collector itself caused (t_inside) is served by the arena and not counted. A block
+// that we do not know is one of the arena, or it was made where we could not see: before the fork that
+// made this process, by the collector, or by an allocator of its own that the program does not route
+// through malloc.
+#include <errno.h>
+#include <malloc.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "collectors/qvheap/census.h"
+#include "collectors/qvheap/heap.h"
+#include "collectors/qvheap/table.h"
+
+#define QVHEAP_EXPORT __attribute__((visibility("default")))
+
+namespace qvheap {
+namespace {
+
+QVHEAP_INLINE ThreadRecord* Enter() {
+  ThreadRecord* const me = t_counting;
+  return QVHEAP_LIKELY(me != nullptr) ? me : EnterSlow();
+}
+
+// The outcome of a request: counted if it was granted.
+QVHEAP_INLINE void* Note(ThreadRecord& me, void* block, uint64_t bytes) {
+  if (QVHEAP_UNLIKELY(block == nullptr)) {
+    Add(me.counts.figures[kFailedRequests], 1);
+  } else if (QVHEAP_LIKELY(KeepSize(block, bytes))) {
+    CountAllocation(me, bytes);
+  } else {
+    Add(me.counts.figures[kUnrecorded], 1);
+  }
+  return block;
+}
+
+// On the collector's own behalf, or while the real functions are being looked for.
+QVHEAP_COLD void* AllocateInside(size_t bytes) {
+  void* const block = ArenaAllocate(bytes);
+  if (block != nullptr || g_real.calloc == nullptr) return block;
+  return g_real.calloc(1, bytes);
+}
+
+// A block that the table does not know. True if it was the arena's and is dealt with.
+QVHEAP_COLD bool FreeUnknown(void* block) {
+  if (IsInArena(block)) {
+    ArenaFree(block);
+    return true;
+  }
+  if (!t_inside) Add(t_record->counts.figures[kUnknownReleases], 1);
+  return false;
+}
+
+QVHEAP_COLD void* ReallocateInArena(void* block, size_t bytes) {
+  void* const fresh = malloc(bytes);
+  if (fresh == nullptr) return nullptr;
+  const size_t former = ArenaBytesOf(block);
+  memcpy(fresh, block, former < bytes ? former : bytes);
+  ArenaFree(block);
+  return fresh;
+}
+
+// By the collector: libc resizes or releases something of its own. A block that we had counted belongs
+// to the program all the same.
+QVHEAP_COLD void* ReallocateInside(void* block, size_t bytes) {
+  if (block == nullptr) return AllocateInside(bytes);
+  if (IsInArena(block)) return ReallocateInArena(block, bytes);
+  uint64_t former = 0;
+  const bool known = TakeSize(block, former);
+  void* const moved = g_real.realloc(block, bytes);
+  if (known && moved != nullptr) KeepSize(moved, former);  // the figures stay as they are
+  return moved;
+}
+
+// What `former`, known or not, was resized to.
+QVHEAP_INLINE void NoteReallocation(ThreadRecord& me, bool known, uint64_t former, void* moved,
+                                    uint64_t bytes) {
+  if (QVHEAP_LIKELY(known)) {
+    CountReleaseOnly(me, former);
+  } else {
+    Add(me.counts.figures[kUnknownReleases], 1);
+  }
+  if (moved == nullptr)
+    return SettleIfFar(me, BalanceOf(me.counts) - me.settled);  // resized to nothing
+  Add(me.counts.figures[kReallocations], 1);
+  Note(me, moved, bytes);
+}
+
+QVHEAP_INLINE void* Reallocate(void* block, size_t bytes) {
+  if (block == nullptr) return malloc(bytes);
+  ThreadRecord* const me = Enter();
+  if (QVHEAP_UNLIKELY(me == nullptr)) return ReallocateInside(block, bytes);
+  uint64_t former = 0;
+  const bool known = TakeSize(block, former);
+  if (QVHEAP_UNLIKELY(!known && IsInArena(block))) return ReallocateInArena(block, bytes);
+  void* const moved = g_real.realloc(block, bytes);
+  if (QVHEAP_UNLIKELY(moved == nullptr && bytes != 0)) {
+    Add(me->counts.figures[kFailedRequests], 1);
+    if (known) KeepSize(block, former);  // it is still there
+    return nullptr;
+  }
+  NoteReallocation(*me, known, former, moved, bytes);
+  return moved;
+}
+
+// An aligned request; `real` makes it. None comes from the collector itself but by way of libc, which
+// makes none for what we have it do; were it to, it would simply not be counted.
+template <class Call>
+QVHEAP_INLINE void* Aligned(size_t bytes, Call real) {
+  ThreadRecord* const me = Enter();
+  void* const block = real();
+  return me != nullptr ? Note(*me, block, bytes) : block;
+}
+
+}  // namespace
+}  // namespace qvheap
+
+using namespace qvheap;
+
+QVHEAP_EXPORT void* malloc(size_t bytes) noexcept {
+  ThreadRecord* const me = Enter();
+  if (QVHEAP_UNLIKELY(me == nullptr)) return AllocateInside(bytes);
+  return Note(*me, g_real.malloc(bytes), bytes);
+}
+
+QVHEAP_EXPORT void* calloc(size_t count, size_t bytes) noexcept {
+  size_t total;
+  const bool overflows = __builtin_mul_overflow(count, bytes, &total);
+  ThreadRecord* const me = Enter();
+  if (QVHEAP_UNLIKELY(me == nullptr)) return overflows ? nullptr : AllocateInside(total);
+  return Note(*me, g_real.calloc(count, bytes), total);
+}
+
+QVHEAP_EXPORT void free(void* block) noexcept {
+  if (block == nullptr) return;
+  ThreadRecord* const me = Enter();
+  uint64_t bytes;
+  if (QVHEAP_LIKELY(TakeSize(block, bytes))) {
+    ThreadRecord* const mine = QVHEAP_LIKELY(me != nullptr) ? me : t_record;
+    if (QVHEAP_LIKELY(mine != nullptr)) CountRelease(*mine, bytes);
+  } else if (FreeUnknown(block)) {
+    return;
+  }
+  g_real.free(block);
+}
+
+QVHEAP_EXPORT void* realloc(void* block, size_t bytes) noexcept { return Reallocate(block, bytes); }
+
+QVHEAP_EXPORT void* reallocarray(void* block, size_t count, size_t bytes) noexcept {
+  size_t total;
+  if (!__builtin_mul_overflow(count, bytes, &total)) return Reallocate(block, total);
+  if (ThreadRecord* const me = Enter()) Add(me->counts.figures[kFailedRequests], 1);
+  errno = ENOMEM;
+  return nullptr;
+}
+
+QVHEAP_EXPORT void* memalign(size_t alignment, size_t bytes) noexcept {
+  return Aligned(bytes, [=] { return g_real.memalign(alignment, bytes); });
+}
+
+QVHEAP_EXPORT void* aligned_alloc(size_t alignment, size_t bytes) noexcept {
+  return Aligned(bytes, [=] { return g_real.alignedAlloc(alignment, bytes); });
+}
+
+QVHEAP_EXPORT int posix_memalign(void** block, size_t alignment, size_t bytes) noexcept {
+  int error = 0;
+  void* fresh = nullptr;
+  Aligned(bytes, [&] {
+    error = g_real.posixMemalign(&fresh, alignment, bytes);
+    return error == 0 ? fresh : nullptr;
+  });
+  if (error == 0) *block = fresh;
+  return error;
+}
+
+QVHEAP_EXPORT void* valloc(size_t bytes) noexcept {
+  return Aligned(bytes, [=] { return g_real.valloc(bytes); });
+}
+
+QVHEAP_EXPORT void* pvalloc(size_t bytes) noexcept {
+  return Aligned(bytes, [=] { return g_real.pvalloc(bytes); });
+}
+
+QVHEAP_EXPORT int fclose(FILE* stream) {
+  Enter();  // so that the real one is known
+  if (stream == stderr && !t_inside) {
+    const Inside inside;
+    KeepStandardError();
+  }
+  return g_real.fclose(stream);
+}
