@@ -28,7 +28,7 @@ includes=$(grep -rE --include='*.h' --include='*.c' --include='*.cpp' '^[[:space
 
 wrong=$(awk '
   BEGIN {
-    floor = "runtime/(base|checks|atomics|hooks|waiter|spin_lock|shared_lock|lock_order)"
+    floor = "runtime/(base|checks|atomics|hooks|waiter|processor|spin_lock|shared_lock|lock_order)"
     ports = "memory/allocate\\.h|log/report\\.h"
     lookups = "log/message_log\\.h|runtime/startup\\.h"
     below = "include/.*|" floor "\\.h"
