@@ -93,6 +93,11 @@ std::function<bool(uint64_t)> RefuseCalls(uint64_t first, uint64_t last) {
   };
 }
 
+bool IsFilled(const void* memory, size_t bytes, int value) {
+  const unsigned char* const first = static_cast<const unsigned char*>(memory);
+  return bytes == 0 || (*first == value && memcmp(first, first + 1, bytes - 1) == 0);
+}
+
 void OnThreads(int count, const std::function<void(int)>& body) {
   std::vector<std::thread> threads;
   for (int i = 0; i < count; i++) threads.emplace_back(body, i);

@@ -6,6 +6,7 @@
 // Blocks are the C library's, so that the address sanitizer watches their ends and their afterlife.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <functional>
@@ -32,6 +33,9 @@ uint64_t ThreadId();  // what the thread-id hook answers
 
 // True on the calls first, first + 1, … last of what it counts; `last` 0 means for ever.
 std::function<bool(uint64_t)> RefuseCalls(uint64_t first, uint64_t last);
+
+// True if every byte is `value`.
+bool IsFilled(const void* memory, size_t bytes, int value);
 
 // Runs body(0) … body(count - 1) on as many threads at once.
 void OnThreads(int count, const std::function<void(int)>& body);
