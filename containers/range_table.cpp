@@ -97,9 +97,10 @@ RangeRecord* TakeLink(QV_RANGE_LINK*& first, const Bounds& bounds) {
   return record;
 }
 
-void RemoveBlock(HashTable& hash, QV_HASH_ENTRY** at) {
+// Takes the block out of its level's table; its data.
+void* RemoveBlock(HashTable& hash, QV_HASH_ENTRY** at) {
   CountEntryOut(hash);
-  RemoveEntry(hash, at);
+  return RemoveEntry(hash, at);
 }
 
 // Has the block no longer name a range with these bounds; its record, or null if it did not.
@@ -174,8 +175,8 @@ void Insert(QV_RANGE_TABLE& table, uint64_t start, uint64_t end, uint64_t item) 
 
 // ---- Removal ----------------------------------------------------------------------------------------
 
-void RemoveBlock(const QV_RANGE_TABLE& table, HashTable& hash, uint64_t address, uint32_t level,
-                 const Bounds& bounds, DeadRecords& dead) {
+void RemoveFrom(const QV_RANGE_TABLE& table, HashTable& hash, uint64_t address, uint32_t level,
+                const Bounds& bounds, DeadRecords& dead) {
   QV_HASH_ENTRY** const at = FindPlainLink(BucketOf(hash, address, level), address);
   if (*at != nullptr) dead.Drop(Unregister(table, level, hash, at, bounds));
 }
@@ -207,7 +208,7 @@ void Remove(const QV_RANGE_TABLE& table, const Bounds& bounds, DeadRecords& dead
       continue;
     }
     for (uint64_t i = 0; i < run.count; i++) {
-      RemoveBlock(table, *hash, run.address + i * BlockBytes(run.level), run.level, bounds, dead);
+      RemoveFrom(table, *hash, run.address + i * BlockBytes(run.level), run.level, bounds, dead);
     }
   }
 }
@@ -390,7 +391,7 @@ void Empty(const QV_RANGE_TABLE& table, DeadRecords& dead) {
     for (int32_t i = 0; hash != nullptr && i < hash->bucketCount; i++) {
       QV_HASH_BUCKET& bucket = hash->buckets[i];
       while (bucket.head != nullptr) {
-        EmptyBlock(table, level, RemoveEntry(*hash, &bucket.head), dead);
+        EmptyBlock(table, level, RemoveBlock(*hash, &bucket.head), dead);
       }
     }
   }
