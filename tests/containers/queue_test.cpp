@@ -82,7 +82,7 @@ QV_QUEUE* g_queue = nullptr;
 // Were an end to take the other's lock, these would wait for themselves: the test would not end.
 TEST_F(Queue, EachEndTakesItsOwnLockOnly) {
   g_queue = __QvCreateQueue(QV_QUEUE_LOCKED, kCategory);
-  for (const uint64_t value : {1, 2, 3}) __QvEnqueue(g_queue, value);
+  for (const uint64_t value : {1ull, 2ull, 3ull}) __QvEnqueue(g_queue, value);
   // The match runs under the head lock; another thread enqueues meanwhile, and the match does.
   const uint64_t found = __QvPeekQueue(
       g_queue,
@@ -97,7 +97,8 @@ TEST_F(Queue, EachEndTakesItsOwnLockOnly) {
   ASSERT_SOUND(qv::ValidateQueue(*g_queue));
   __QvAcquireSpinLock(&g_queue->tailLock);
   std::thread([] {
-    for (const uint64_t value : {1, 2, 3}) EXPECT_EQ(__QvDequeue(g_queue), value);  // 4 is the last one
+    for (const uint64_t value : {1ull, 2ull, 3ull})
+      EXPECT_EQ(__QvDequeue(g_queue), value);  // 4 is the last one
   }).join();
   __QvReleaseSpinLock(&g_queue->tailLock);
   EXPECT_EQ(__QvDequeue(g_queue), 4u);

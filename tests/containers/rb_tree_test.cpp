@@ -250,7 +250,7 @@ TEST_F(RedBlackTree, WhatIsNoEntryIsLeftAlone) {
   EXPECT_EQ(__QvGetRedBlackRangeEnd(tree, kLast), nullptr);
   __QvDestroyRedBlackRange(tree, 0, kLast);
   EXPECT_EQ(__QvValidateRedBlack(tree), 1u);
-  for (const uint64_t key : {5, 7, 9}) __QvInsertRedBlackEntry(tree, key, key);
+  for (const uint64_t key : {5ull, 7ull, 9ull}) __QvInsertRedBlackEntry(tree, key, key);
   Node* const removed = __QvGetRedBlackRangeStart(tree, 5, 5);
   __QvRemoveRedBlackEntry(removed);
   for (Node* const node : {static_cast<Node*>(nullptr), tree->nil, removed}) {

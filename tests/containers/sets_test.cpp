@@ -277,7 +277,7 @@ TEST_F(Sets, WhatWouldPassTheLimitIsRefused) {
   __QvAddAnElementToMultiSet(&multiset, 64);
   multiset.count = QV_SET_MAXIMUM_COUNT - 2;
   QV_MULTISET source = {0, 42, nullptr};
-  for (const uint32_t element : {65, 70, 64, 66, 200}) __QvAddAnElementToMultiSet(&source, element);
+  for (const uint32_t element : {65u, 70u, 64u, 66u, 200u}) __QvAddAnElementToMultiSet(&source, element);
   __QvUnionMultiSet(&multiset, &source);
   __QvUnionMultiSetSet(&multiset, &more);
   __QvAddAnElementToMultiSet(&multiset, 67);
@@ -297,7 +297,7 @@ TEST_F(Sets, WhatWouldPassTheLimitIsRefused) {
 // A multiplicity that wrapped to 0 would leave an element that is present no times.
 TEST_F(Sets, MultiplicitiesStopAtTheirLargestValue) {
   QV_MULTISET multiset = {};
-  for (const uint32_t element : {0, 0, 0, 1, 63}) __QvAddAnElementToMultiSet(&multiset, element);
+  for (const uint32_t element : {0u, 0u, 0u, 1u, 63u}) __QvAddAnElementToMultiSet(&multiset, element);
   for (int i = 0; i < 31; i++) __QvUnionMultiSet(&multiset, &multiset);
   EXPECT_EQ(__QvGetElementMultiplicity(&multiset, 0), UINT32_MAX);
   EXPECT_EQ(__QvGetElementMultiplicity(&multiset, 1), 1u << 31);
@@ -341,7 +341,7 @@ TEST_F(Sets, ScansGoOnWhenTheCallbackChangesTheSet) {
   g_set = SetOf({64, 65, 200});
   EXPECT_EQ(ScanWith([](uint32_t element, uint64_t) {
               g_scanned.push_back(element);
-              for (const uint32_t each : {64, 65}) {
+              for (const uint32_t each : {64u, 65u}) {
                 if (element == 64) __QvDeleteAnElementFromSet(&g_set, each);
                 if (element == 65) __QvAddAnElementToSet(&g_set, each + 240);
               }
