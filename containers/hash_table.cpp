@@ -203,18 +203,17 @@ QV_INLINE void PrefetchBucket(const QV_HASH_TABLE& leaf, uint64_t key) {
 QV_INLINE void PrefetchEntry(const QV_HASH_BUCKET& bucket) { __builtin_prefetch(LoadRelaxed(bucket.head)); }
 
 void* LookupLocking(QV_HASH_TABLE& leaf, uint64_t key) {
-  const uint32_t me = SelfId();
   void* data = nullptr;
   PrefetchBucket(leaf, key);
-  SharedAcquireAs(leaf.lock, me);
+  SharedAcquire(leaf.lock);
   if (QV_LIKELY(LoadRelaxed(leaf.count) > 0)) {
     QV_HASH_BUCKET& bucket = BucketAt(leaf, LeafHash(leaf, key));
     PrefetchEntry(bucket);
-    SharedAcquireAs(bucket.lock, me);
+    SharedAcquire(bucket.lock);
     data = DataOf(Find(leaf, bucket, key));
-    SharedReleaseAs(bucket.lock, me);
+    SharedRelease(bucket.lock);
   }
-  SharedReleaseAs(leaf.lock, me);
+  SharedRelease(leaf.lock);
   return data;
 }
 
@@ -236,28 +235,27 @@ int32_t AcquireItem(const QV_HASH_ENTRY* entry, QV_HASH_ACQUIRE_DATA acquire, vo
 }
 
 int32_t AcquireItemLocking(QV_HASH_TABLE& leaf, uint64_t key, QV_HASH_ACQUIRE_DATA acquire, void*& out) {
-  const uint32_t me = SelfId();
   int32_t result = 1;
-  SharedAcquireAs(leaf.lock, me);
+  SharedAcquire(leaf.lock);
   if (LoadRelaxed(leaf.count) > 0) {
     QV_HASH_BUCKET& bucket = BucketAt(leaf, LeafHash(leaf, key));
-    SharedAcquireAs(bucket.lock, me);
+    SharedAcquire(bucket.lock);
     result = AcquireItem(Find(leaf, bucket, key), acquire, out);
-    SharedReleaseAs(bucket.lock, me);
+    SharedRelease(bucket.lock);
   }
-  SharedReleaseAs(leaf.lock, me);
+  SharedRelease(leaf.lock);
   return result;
 }
 
 // True if the key is there; the search that lets most duplicates go by without the exclusive lock.
 bool FindForInsertion(QV_HASH_TABLE& leaf, uint64_t key, uint32_t me, void*& data) {
-  SharedAcquireAs(leaf.lock, me);
+  SharedAcquire(leaf.lock);
   QV_HASH_BUCKET& bucket = BucketAt(leaf, LeafHash(leaf, key));
   ExclusiveAcquireAs(bucket.lock, me);
   const QV_HASH_ENTRY* const entry = Find(leaf, bucket, key);
   if (entry != nullptr) data = entry->data;
   ExclusiveRelease(bucket.lock);
-  SharedReleaseAs(leaf.lock, me);
+  SharedRelease(leaf.lock);
   return entry != nullptr;
 }
 
@@ -277,14 +275,14 @@ void* InsertLocking(HashTable& leaf, uint64_t key, void* data) {
 }
 
 bool RemoveFromBucketLocking(HashTable& leaf, uint64_t key, uint32_t me, void*& data) {
-  SharedAcquireAs(leaf.lock, me);
+  SharedAcquire(leaf.lock);
   QV_HASH_BUCKET& bucket = BucketAt(leaf, LeafHash(leaf, key));
   ExclusiveAcquireAs(bucket.lock, me);
   QV_HASH_ENTRY** const link = FindLink(leaf, bucket, key);
   const bool found = *link != nullptr;
   if (found) data = RemoveEntry(leaf, link);
   ExclusiveRelease(bucket.lock);
-  SharedReleaseAs(leaf.lock, me);
+  SharedRelease(leaf.lock);
   return found;
 }
 

@@ -183,8 +183,8 @@ QV_API uint32_t __QvIsSpinLockAcquiredByCallingThread(const QV_SPIN_LOCK* lock);
  * Many readers or one writer. The writer may nest, and may take shared access inside (a no-op).
  * Readers may nest by counting, but a waiting writer holds back new readers: a thread that holds
  * shared access and asks for it again behind a waiting writer waits for itself, so nest readers only
- * where no writer can wait. A reader must not ask for exclusive access either. Identity 0 is treated
- * as with spin locks. */
+ * where no writer can wait. A reader must not ask for exclusive access either. Without a thread-id
+ * hook everybody passes, as with spin locks; with one, readers are counted whatever their id. */
 typedef struct QV_SHARED_EXCLUSIVE_LOCK {
   uint32_t state;          /* 0 free, 1 shared, 2 exclusive; first half of one aligned 64-bit word */
   uint32_t readerCount;    /* threads in shared mode or on their way into it; the second half */

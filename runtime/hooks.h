@@ -19,6 +19,8 @@ QV_INLINE uint64_t NativeThreadId() {
   return QV_LIKELY(proc != nullptr) ? proc() : 0;
 }
 
+QV_INLINE bool HasThreadIds() { return LoadRelaxed(__qvGetNativeThreadIdProc) != nullptr; }
+
 // Who the calling thread is to the locks: 32 bits of the native id; 0 without a hook.
 QV_INLINE uint32_t SelfId() { return uint32_t(NativeThreadId()); }
 

@@ -17,6 +17,11 @@ void WaitUntilUnowned(const QV_SHARED_EXCLUSIVE_LOCK& lock) {
   while (qv::LoadRelaxed(lock.owner) != 0) waiter.Spin();
 }
 
+bool CallerIsWriter(const QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  const uint64_t owner = qv::LoadRelaxed(lock.owner);
+  return owner != 0 && owner == qv::SelfId();
+}
+
 bool ExclusiveTryTake(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t budget) {
   if (budget == 0 || qv::LoadRelaxed(__qvNumberOfProcessors) == 1) {
     return qv::TryExchange(lock.state, 2u, 0u);
@@ -43,8 +48,9 @@ void qv::ExclusiveAcquireSlow(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me) {
   ExclusiveOwn(lock, me);
 }
 
-void qv::SharedAcquireSlow(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me) {
-  if (me == 0) return WaitUntilUnowned(lock);
+void qv::SharedAcquireSlow(QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  if (!HasThreadIds()) return WaitUntilUnowned(lock);
+  if (CallerIsWriter(lock)) return;
   Waiter waiter(lock.spinCount);
   while (LoadRelaxed(lock.writerWaiting) == 1) waiter.Spin();
   const uint64_t before = FetchAdd(StateWord(lock), kOneReader);
@@ -57,7 +63,8 @@ void qv::SharedAcquireSlow(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me) {
 }
 
 void qv::SharedReleaseSlow(QV_SHARED_EXCLUSIVE_LOCK& lock) {
-  if (LoadRelaxed(lock.readerCount) == 0) return;  // by (5); who was counted never sees a 0
+  if (!HasThreadIds() || CallerIsWriter(lock)) return;  // matches the two ways to pass above
+  if (LoadRelaxed(lock.readerCount) == 0) return;       // by (5); who was counted never sees a 0
   const uint64_t before = FetchAdd(StateWord(lock), -kOneReader);
   if (before == kSharedByOne) TryExchange(StateWord(lock), uint64_t{0}, uint64_t{1});
 }

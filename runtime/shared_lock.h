@@ -8,16 +8,18 @@
 //  (2) readerCount counts threads in shared mode or on their way into it, so it may be above 0 while a
 //      writer holds the lock; state 1 with readerCount above 0 cannot end.
 //  (3) owner and recursionCount are written by the writer alone, between its two exchanges.
-//  (4) Identity 0 (no hook) never writes: it waits until there is no identified writer and passes.
+//  (4) Identity 0 writes nothing as a writer: it waits until there is no identified writer and passes.
+//      Readers need no identity but to find that they are the writer, which cannot be while state is
+//      not 2; so they ask for none while it is not. Without a thread-id hook they pass as writers do.
 //  (5) A release that finds no reader counted changes nothing: shared access was given before the hook
 //      was installed and is returned after it. Counted, it would leave a reader that never was, and so
 //      a lock that never gets free.
 //
-// Readers count on the whole word, not on its half: an addition of 2^32 changes readerCount and tells
-// the state at that same moment, and every reader's release is an operation on the word that the next
-// writer exchanges. A lone reader needs one exchange to enter, (0,0)->(1,1), and one to leave,
-// (1,1)->(0,0): the same two words that a count followed by a change of state would leave, with
-// nothing in between that another thread could have used.
+// Readers count on the whole word, not on its half, so that one exchange counts them and changes the
+// state: (0,0)->(1,1) for the first, (1,1)->(0,0) for the last, (1,n)->(1,n+1) between. These are the
+// words that a count followed by a change of state would leave, with nothing in between that another
+// thread could have used. A reader whose exchange fails does the two one after the other: an addition
+// of 2^32 cannot fail however many readers there are, and tells the state at that same moment.
 #pragma once
 
 #include "runtime/checks.h"
@@ -34,7 +36,7 @@ QV_INLINE uint64_t& StateWord(QV_SHARED_EXCLUSIVE_LOCK& lock) {
 }
 
 QV_COLD void ExclusiveAcquireSlow(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me);
-QV_COLD void SharedAcquireSlow(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me);
+QV_COLD void SharedAcquireSlow(QV_SHARED_EXCLUSIVE_LOCK& lock);
 QV_COLD void SharedReleaseSlow(QV_SHARED_EXCLUSIVE_LOCK& lock);
 
 QV_INLINE void ExclusiveOwn(QV_SHARED_EXCLUSIVE_LOCK& lock, uint64_t me) {
@@ -81,24 +83,23 @@ QV_INLINE bool ExclusiveIsMine(const QV_SHARED_EXCLUSIVE_LOCK& lock) {
   return LoadRelaxed(lock.state) == 2 && LoadRelaxed(lock.owner) == SelfId();
 }
 
-QV_INLINE void SharedAcquireAs(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me) {
-  if (QV_UNLIKELY(LoadRelaxed(lock.owner) == me)) return;  // the writer, or nobody
-  if (QV_LIKELY(me != 0 && LoadRelaxed(lock.writerWaiting) == 0 &&
-                TryExchange(StateWord(lock), kSharedByOne, uint64_t{0}))) {
-    return;
+QV_INLINE void SharedAcquire(QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  const uint64_t word = LoadRelaxed(StateWord(lock));
+  if (QV_UNLIKELY(!HasThreadIds() || uint32_t(word) == 2 || LoadRelaxed(lock.writerWaiting) != 0 ||
+                  !TryExchange(StateWord(lock), (word + kOneReader) | 1, word))) {
+    SharedAcquireSlow(lock);
   }
-  SharedAcquireSlow(lock, me);
 }
 
-QV_INLINE void SharedAcquire(QV_SHARED_EXCLUSIVE_LOCK& lock) { SharedAcquireAs(lock, SelfId()); }
-
-QV_INLINE void SharedReleaseAs(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t me) {
-  if (QV_UNLIKELY(LoadRelaxed(lock.owner) == me || me == 0)) return;  // matches the no-op above
-  if (QV_LIKELY(TryExchange(StateWord(lock), uint64_t{0}, kSharedByOne))) return;
-  SharedReleaseSlow(lock);
+QV_INLINE void SharedRelease(QV_SHARED_EXCLUSIVE_LOCK& lock) {
+  const uint64_t word = LoadRelaxed(StateWord(lock));
+  const uint64_t others = word - kOneReader;
+  const uint64_t left = others == 1 ? 0 : others;
+  if (QV_UNLIKELY(!HasThreadIds() || uint32_t(word) != 1 || word < kOneReader ||
+                  !TryExchange(StateWord(lock), left, word))) {
+    SharedReleaseSlow(lock);
+  }
 }
-
-QV_INLINE void SharedRelease(QV_SHARED_EXCLUSIVE_LOCK& lock) { SharedReleaseAs(lock, SelfId()); }
 
 QV_INLINE void SharedInitialize(QV_SHARED_EXCLUSIVE_LOCK& lock, uint32_t spinCount) {
   lock = {0, 0, 0, 0, 0, spinCount};

@@ -20,8 +20,8 @@ using namespace qvtest;
 
 namespace {
 
-// What the record must hold after each call: the rules, without threads. The low half of an id counts,
-// and identity 0 changes nothing.
+// What the record must hold after each call: the rules, without threads. The low half of an id counts;
+// identity 0 changes nothing but the count of readers, who need no identity.
 template <class Flavour>
 struct Model {
   typename Flavour::Lock lock = {};
@@ -49,14 +49,14 @@ struct Model {
     lock.state = 0;
   }
   bool TryShared(uint32_t me) {  // false: it would wait
-    if (lock.owner == me) return true;
-    if (me == 0 || lock.writerWaiting == 1 || lock.state == 2) return false;
+    if (me != 0 && lock.owner == me) return true;
+    if (lock.writerWaiting == 1 || lock.state == 2) return false;
     lock.readerCount++;
     lock.state = 1;
     return true;
   }
   void ReleaseShared(uint32_t me) {
-    if (lock.owner == me || me == 0 || lock.readerCount == 0) return;
+    if ((me != 0 && lock.owner == me) || lock.readerCount == 0) return;
     lock.readerCount--;
     if (lock.state == 1 && lock.readerCount == 0) lock.state = 0;
   }
