@@ -1,7 +1,8 @@
 // A tool for the tests of qvctl: opens a channel in DIR and writes each command it is given as a line
 // "code a2 payload" to standard output. Code 1 ends it in good order, code 2 makes it slow.
 //
-//   qvctl_test_tool DIR [die-at STEP]    killed at the n-th system call of set-up that is counted below
+//   qvctl_test_tool DIR [die-at STEP]    killed at the n-th system call of set-up that is counted below;
+//                                        ends in good order if set-up has fewer
 #include <dlfcn.h>
 #include <signal.h>
 #include <stdio.h>
@@ -65,12 +66,13 @@ extern "C" void* shmat(int id, const void* address, int flags) {
 }
 
 int main(int argc, char** argv) {
-  if (argc > 3 && strcmp(argv[2], "die-at") == 0) g_dieAt = atoi(argv[3]);
+  const bool toDie = argc > 3 && strcmp(argv[2], "die-at") == 0;
+  if (toDie) g_dieAt = atoi(argv[3]);
   QvHostInstall();
   if (__QvRegisterCommandHandler(argv[1], OnCommand, nullptr) == 0) return 3;
   puts("up");
   fflush(stdout);
-  while (!g_end) usleep(2000);
+  while (!g_end && !toDie) usleep(2000);
   __QvShutdownCommandHandler();
   __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
   return 0;
