@@ -6,8 +6,7 @@
 //             \__ offsets of strings and expressions count from the header's first byte
 //
 // The bytes are a file's, so anything can stand in them. Invariants
-//  (1) Nothing outside [section, end) is read. Entries were counted against the section before the
-//  loop;
+//  (1) Nothing outside [section, end) is read. Entries were counted against the section before the loop;
 //      a name is inside if it begins at or before the last NUL of the section, since a string that
 //      begins there ends there at the latest; expressions are decoded by a reader that knows the end.
 //  (2) Each table begins behind the former one, so the walk ends.

@@ -16,8 +16,7 @@
 
 namespace {
 
-// ---- Sides: one record each, with Acquire and Release
-// ------------------------------------------------
+// ---- Sides: one record each, with Acquire and Release ------------------------------------------------
 
 template <class Word, Word kFree, Word kHeld>
 struct ByHand {
@@ -108,8 +107,7 @@ struct TbbShared {
 };
 #endif
 
-// ---- Bodies
-// ------------------------------------------------------------------------------------------
+// ---- Bodies ------------------------------------------------------------------------------------------
 
 template <class Lock>
 void Pair(benchmark::State& state) {

@@ -40,8 +40,7 @@ std::vector<uint64_t> RandomKeys(int64_t count, Random& random) {
   return keys;
 }
 
-// ---- Sides: a tree each, with Insert, Start, Walk and Remove
-// -----------------------------------------
+// ---- Sides: a tree each, with Insert, Start, Walk and Remove -----------------------------------------
 
 class Qv {
  public:

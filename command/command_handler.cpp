@@ -60,8 +60,7 @@ bool SameFile(int descriptor, const char* path) {
          opened.st_ino == named.st_ino;
 }
 
-// ---- The steps of set-up. Each leaves what it made in the fields; the caller undoes all on a failure.
-// --
+// ---- The steps of set-up. Each leaves what it made in the fields; the caller undoes all on a failure. --
 
 // Opens and locks the lock file. Who cleans up after a dead tool may remove the file while we wait for
 // its lock; then the file of that name is another one, and we take that. The descriptor is closed on

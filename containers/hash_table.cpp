@@ -74,7 +74,7 @@ void InitializeBuckets(QV_HASH_TABLE& table) {
 
 HashTable* CreateSubTable(const QV_HASH_TABLE& parent) {
   return CreateHashTable(parent.flags, parent.hashFunctions, parent.level, parent.compareKeys,
-                     parent.releaseKey);
+                         parent.releaseKey);
 }
 
 QV_HASH_TABLE* WaitForSubTable(const QV_HASH_BUCKET& bucket) {
@@ -149,9 +149,8 @@ bool GrowthIsDue(const HashTable& leaf) {
 
 QV_HASH_ENTRY* NewEntry(const QV_HASH_TABLE& leaf, uint64_t key, void* data) {
   const bool locks = Locks(leaf);
-  QV_HASH_ENTRY* const entry = static_cast<QV_HASH_ENTRY*>(
-      Allocate(CategoryOf(leaf.flags), locks ? kEntryBytes : kEntryBytesWithoutLock,
-               SlabShiftOf(leaf.flags)));
+  QV_HASH_ENTRY* const entry = static_cast<QV_HASH_ENTRY*>(Allocate(
+      CategoryOf(leaf.flags), locks ? kEntryBytes : kEntryBytesWithoutLock, SlabShiftOf(leaf.flags)));
   entry->key = key;
   entry->data = data;
   if (locks) SharedInitialize(entry->lock, 0);
@@ -200,7 +199,9 @@ QV_INLINE void PrefetchBucket(const QV_HASH_TABLE& leaf, uint64_t key) {
   __builtin_prefetch(&bucket->lock, 1);
   __builtin_prefetch(&bucket->head);
 }
-QV_INLINE void PrefetchEntry(const QV_HASH_BUCKET& bucket) { __builtin_prefetch(LoadRelaxed(bucket.head)); }
+QV_INLINE void PrefetchEntry(const QV_HASH_BUCKET& bucket) {
+  __builtin_prefetch(LoadRelaxed(bucket.head));
+}
 
 void* LookupLocking(QV_HASH_TABLE& leaf, uint64_t key) {
   void* data = nullptr;
@@ -234,7 +235,8 @@ int32_t AcquireItem(const QV_HASH_ENTRY* entry, QV_HASH_ACQUIRE_DATA acquire, vo
   return CallAcquire(acquire, out);
 }
 
-int32_t AcquireItemLocking(QV_HASH_TABLE& leaf, uint64_t key, QV_HASH_ACQUIRE_DATA acquire, void*& out) {
+int32_t AcquireItemLocking(QV_HASH_TABLE& leaf, uint64_t key, QV_HASH_ACQUIRE_DATA acquire,
+                           void*& out) {
   int32_t result = 1;
   SharedAcquire(leaf.lock);
   if (LoadRelaxed(leaf.count) > 0) {
@@ -364,13 +366,14 @@ void* RemoveEntry(HashTable& leaf, QV_HASH_ENTRY** link) {
 
 }  // namespace qv
 
-QV_HASH_TABLE* __QvCreateHashTable(uint32_t flags, const QV_HASH_FUNCTION* hashFunctions, int32_t levels,
-                                   QV_HASH_COMPARE_KEYS compareKeys, QV_HASH_RELEASE_KEY releaseKey,
-                                   uint32_t category, uint32_t slabSizeShift) {
+QV_HASH_TABLE* __QvCreateHashTable(uint32_t flags, const QV_HASH_FUNCTION* hashFunctions,
+                                   int32_t levels, QV_HASH_COMPARE_KEYS compareKeys,
+                                   QV_HASH_RELEASE_KEY releaseKey, uint32_t category,
+                                   uint32_t slabSizeShift) {
   qv::CheckContainerMemory("hash table", category, slabSizeShift);
   levels = levels < 1 ? 1 : levels > QV_HASH_LEVELS ? QV_HASH_LEVELS : levels;
   return qv::CreateHashTable(qv::ContainerFlags(flags, category, slabSizeShift), hashFunctions, levels,
-                         compareKeys, releaseKey);
+                             compareKeys, releaseKey);
 }
 
 void* __QvLookupHashTable(QV_HASH_TABLE* table, uint64_t key) {
@@ -398,8 +401,7 @@ void* __QvInsertHashTableEntry(QV_HASH_TABLE* table, uint64_t key, void* data) {
   if (QV_UNLIKELY(table == nullptr)) return nullptr;
   qv::HashTable& leaf = qv::LeafForInsertion(table, key);
   if (qv::Locks(leaf)) return qv::InsertLocking(leaf, key, data);
-  const QV_HASH_ENTRY* const entry =
-      qv::Find(leaf, qv::BucketAt(leaf, qv::LeafHash(leaf, key)), key);
+  const QV_HASH_ENTRY* const entry = qv::Find(leaf, qv::BucketAt(leaf, qv::LeafHash(leaf, key)), key);
   if (entry != nullptr) return entry->data;
   qv::AddEntry(leaf, key, data);
   return data;

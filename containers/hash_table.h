@@ -39,8 +39,8 @@ struct HashTable : QV_HASH_TABLE {
 
 QV_INLINE HashTable& Own(QV_HASH_TABLE& table) { return static_cast<HashTable&>(table); }
 
-inline constexpr uint32_t kHashKept = ~(0xFFu << QV_HASH_TABLE_CATEGORY_SHIFT |
-                                        0xFu << QV_HASH_TABLE_SLAB_SIZE_SHIFT);
+inline constexpr uint32_t kHashKept =
+    ~(0xFFu << QV_HASH_TABLE_CATEGORY_SHIFT | 0xFu << QV_HASH_TABLE_SLAB_SIZE_SHIFT);
 
 // The flags word of both tables: the creator's, with the category and the slab shift put in.
 QV_INLINE uint32_t ContainerFlags(uint32_t flags, uint32_t category, uint32_t slabSizeShift) {
@@ -145,7 +145,8 @@ void* RemoveEntry(HashTable& leaf, QV_HASH_ENTRY** link);
 template <class Use>
 QV_INLINE void ForEachEntry(const QV_HASH_TABLE& leaf, Use use) {
   for (int32_t i = 0; i < leaf.bucketCount; i++) {
-    for (QV_HASH_ENTRY* entry = leaf.buckets[i].head; entry != nullptr; entry = entry->next) use(*entry);
+    for (QV_HASH_ENTRY* entry = leaf.buckets[i].head; entry != nullptr; entry = entry->next)
+      use(*entry);
   }
 }
 

@@ -4,9 +4,8 @@
 //             `--- head lock ---'   '-- tail lock
 //
 // Invariants
-//  (1) The elements are the nodes from anchor.next on, in order. tail is the last of them, or the
-//  anchor. (2) The head lock guards anchor.next and the links of all nodes but the last; the tail lock
-//  guards
+//  (1) The elements are the nodes from anchor.next on, in order. tail is the last of them, or the anchor.
+//  (2) The head lock guards anchor.next and the links of all nodes but the last; the tail lock guards
 //      `tail` and the last node's link. Whoever removes the last node, or appends to the empty queue,
 //      writes on both sides and holds both locks.
 //  (3) Order: head lock, then tail lock. A holder of the tail lock only tries the head lock.

@@ -104,8 +104,8 @@ void* RemoveBlock(HashTable& hash, QV_HASH_ENTRY** at) {
 }
 
 // Has the block no longer name a range with these bounds; its record, or null if it did not.
-RangeRecord* Unregister(const QV_RANGE_TABLE& table, uint32_t level, HashTable& hash, QV_HASH_ENTRY** at,
-                        const Bounds& bounds) {
+RangeRecord* Unregister(const QV_RANGE_TABLE& table, uint32_t level, HashTable& hash,
+                        QV_HASH_ENTRY** at, const Bounds& bounds) {
   QV_HASH_ENTRY* const entry = *at;
   if (!HoldsChains(table, level)) {
     RangeRecord* const record = static_cast<RangeRecord*>(entry->data);
@@ -213,7 +213,8 @@ void Remove(const QV_RANGE_TABLE& table, const Bounds& bounds, DeadRecords& dead
   }
 }
 
-void RemoveAndBury(const QV_RANGE_TABLE& table, const Bounds& bounds, QV_RANGE_DESTROY_ITEM destroyItem) {
+void RemoveAndBury(const QV_RANGE_TABLE& table, const Bounds& bounds,
+                   QV_RANGE_DESTROY_ITEM destroyItem) {
   DeadRecords dead;
   Remove(table, bounds, dead);
   dead.Bury(destroyItem);
@@ -399,7 +400,8 @@ void Empty(const QV_RANGE_TABLE& table, DeadRecords& dead) {
 
 // ---- Validation -------------------------------------------------------------------------------------
 
-bool Names(const QV_RANGE_TABLE& table, uint32_t level, const void* data, const QV_RANGE_RECORD& record) {
+bool Names(const QV_RANGE_TABLE& table, uint32_t level, const void* data,
+           const QV_RANGE_RECORD& record) {
   if (!HoldsChains(table, level)) return data == &record;
   const QV_RANGE_LINK* link = static_cast<const QV_RANGE_LINK*>(data);
   while (link != nullptr && link->record != &record) link = link->next;
@@ -505,9 +507,10 @@ uint64_t __QvRemoveFirstRangeTableEntry(QV_RANGE_TABLE* table, uint64_t low, uin
   return table != nullptr ? qv::RemoveFirst(*table, low, high) : 0;
 }
 
-void __QvDestroyRangeTableSpan(QV_RANGE_TABLE* table, uint64_t base, uint64_t length, uint64_t* startOut,
-                               uint64_t* endOut) {
-  const qv::Bounds cleared = table != nullptr ? qv::DestroySpan(*table, base, length) : qv::Bounds{0, 0};
+void __QvDestroyRangeTableSpan(QV_RANGE_TABLE* table, uint64_t base, uint64_t length,
+                               uint64_t* startOut, uint64_t* endOut) {
+  const qv::Bounds cleared =
+      table != nullptr ? qv::DestroySpan(*table, base, length) : qv::Bounds{0, 0};
   if (startOut != nullptr) *startOut = cleared.start;
   if (endOut != nullptr) *endOut = cleared.end;
 }

@@ -115,8 +115,7 @@ void Empty(Header& set) {
   CutList(&set.chunks);
 }
 
-// ---- What happens to one chunk, or a pair; index and next are the list's business
-// --------------------
+// ---- What happens to one chunk, or a pair; index and next are the list's business --------------------
 
 QV_INLINE void CopyContents(QV_SET_CHUNK& to, const QV_SET_CHUNK& from) { SetBits(to, Bits(from)); }
 void CopyContents(QV_MULTISET_CHUNK& to, const QV_MULTISET_CHUNK& from);
@@ -149,8 +148,7 @@ QV_INLINE bool SameContents(const QV_MULTISET_CHUNK& a, const QV_MULTISET_CHUNK&
   return Bits(a) == Bits(b) && memcmp(a.multiplicity, b.multiplicity, sizeof a.multiplicity) == 0;
 }
 
-// ---- Merges. The headers are different ones where both are written or read as lists.
-// -----------------
+// ---- Merges. The headers are different ones where both are written or read as lists. -----------------
 
 template <class Header>
 bool SameElements(const Header& a, const Header& b) {
@@ -263,8 +261,7 @@ void Move(Header& destination, Header& source) {
   source.count = 0;
 }
 
-// ---- Validation: null if all is well, else what is wrong
-// ---------------------------------------------
+// ---- Validation: null if all is well, else what is wrong ---------------------------------------------
 
 const char* ValidateSet(const QV_SET& set);
 const char* ValidateMultiSet(const QV_MULTISET& multiset);

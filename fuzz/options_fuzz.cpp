@@ -1,8 +1,7 @@
 // Fuzz target: command lines and debug dump options.
 //
 //   dTEXT        TEXT is a debug dump option; then every channel dumps TEXT
-//   any other    a command line, one element a line, for a parser that exists, one that was released
-//   and
+//   any other    a command line, one element a line, for a parser that exists, one that was released and
 //                one that never was; then everything that reads options reads them all
 //
 // Each text is a block of its own, so that the address sanitizer sees a byte too many. A value that an

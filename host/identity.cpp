@@ -9,8 +9,7 @@
 //  (1) g_forkPage.generation is 0 until somebody asks, then a number that no former generation of this
 //      process's ancestors had: g_lastGeneration is inherited, not cleared.
 //  (2) A fresh thread's generation is kNeverLearnt, which the page never holds.
-//  (3) A slot is in use while its generation is odd. A thread's value counts only if it was stored in
-//  the
+//  (3) A slot is in use while its generation is odd. A thread's value counts only if it was stored in the
 //      slot's present generation, so a reused slot is null everywhere without visiting the threads.
 #include <sys/mman.h>
 #include <unistd.h>

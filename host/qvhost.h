@@ -19,9 +19,10 @@ extern "C" {
 
 /* Installs every hook and initialises the allocator (not __QvRtStartup). Call it once, before the
  * process has a second thread; later calls do nothing.
- *   native and current thread id   the kernel's thread id, cached per thread. Right again in every
- * child process, be it made by fork, _Fork or a plain clone. The child of a vfork runs on its parent's
- * memory and thread storage and is the parent thread to the locks, whose thread sleeps meanwhile.
+ *   native and current thread id   the kernel's thread id, cached per thread. Right again in every child
+ *                                  process, be it made by fork, _Fork or a plain clone. The child of a
+ *                                  vfork runs on its parent's memory and thread storage and is the parent
+ *                                  thread to the locks, whose thread sleeps meanwhile.
  *   parent thread id               not installed (0): a plain process does not record it
  *   thread-local storage           64 slots per thread, all null in a new thread; a slot that was freed
  *                                  and is handed out again is null in every thread. Free and set return
@@ -34,12 +35,13 @@ extern "C" {
  *     wait     joins the thread of the handle word and clears the word. The limit is ignored: who waits
  *              here is about to release what that thread uses. Any number of threads may wait for one.
  *              1 when the thread has ended (long ago, or with the parent process, counts too); 0 for a
- *              null word and for a thread that waits for itself. The exit code, if asked for, is
- * written by the call that joined. fini     at most 64 functions, run at exit in reverse order of
- * registration memory                         QvHostAllocate and QvHostFree below Installing from one
- * thread while another is inside fork() is not supported; afterwards fork() is safe at any time: the
- * child finds the host whole. A child made behind libc's back (_Fork, clone) has right thread ids, but
- * must not allocate if another thread could have been inside the host. */
+ *              null word and for a thread that waits for itself. The exit code, if asked for, is written
+ *              by the call that joined.
+ *     fini     at most 64 functions, run at exit in reverse order of registration
+ *   memory                         QvHostAllocate and QvHostFree below
+ * Installing from one thread while another is inside fork() is not supported; afterwards fork() is safe at
+ * any time: the child finds the host whole. A child made behind libc's back (_Fork, clone) has right thread
+ * ids, but must not allocate if another thread could have been inside the host. */
 void QvHostInstall(void);
 
 /* The allocator's hooks. Blocks are aligned to 16 bytes; the contents are not cleared. Any thread may
@@ -66,8 +68,8 @@ void QvHostSetCeiling(uint64_t bytes);
 /* Accounts, for tests and reports. */
 uint64_t QvHostBytesInUse(void); /* requested bytes given out and not taken back */
 uint64_t QvHostBlocksInUse(void);
-uint64_t QvHostBytesMapped(
-    void); /* address space held from the system, in use or not, touched or not */
+/* Address space held from the system, in use or not, touched or not. */
+uint64_t QvHostBytesMapped(void);
 
 #ifdef __cplusplus
 }

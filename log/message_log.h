@@ -19,8 +19,7 @@
 //  (4) The sequence number and the cached time text change under the lock of the present logger. A new
 //      logger is published under the lock of the former one, and who has waited for a lock looks again
 //      whether it is still the logger's: one thread at a time is inside the log, whichever file it has.
-//  (5) stdio allocates when a stream is opened, and may when it formats. A collector that wraps malloc
-//  can
+//  (5) stdio allocates when a stream is opened, and may when it formats. A collector that wraps malloc can
 //      thus come back from inside, on the same thread, with an entry of its own (its pool needs a slab,
 //      which has its periodic dump). There is no place to write it to, and no use in waiting: it is
 //      dropped. Without a thread-id hook such a call cannot be told apart.

@@ -14,11 +14,9 @@
 // node. All strings and nodes are the registry's own, from category 0.
 //
 // Invariants
-//  (1) Slots are handed out by compare-exchange on the counts and never reused. A count never passes
-//  its
+//  (1) Slots are handed out by compare-exchange on the counts and never reused. A count never passes its
 //      table, not even for a moment, so a reader may go by it.
-//  (2) A record takes part in anything only while its currentValue is not null. Registration stores
-//  that
+//  (2) A record takes part in anything only while its currentValue is not null. Registration stores that
 //      last, with release order; releasing the parser clears it first. So an unfinished slot belongs to
 //      nobody, and a released one to nobody either, not even to the parser id 0xFFFFFFFF it then holds.
 //  (3) currentValue is &defaultValue, or &setValue once the option was set.

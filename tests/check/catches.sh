@@ -36,6 +36,7 @@ include runtime/files.cpp '"memory/allocator.h"'
 include options/planted.cpp '"containers/planted.h"'
 include containers/planted.cpp '"log/message_log.h"'
 include collectors/planted/planted.c '"runtime/base.h"'
+include tools/qvctl/planted.cpp '"collectors/qvheap/options.h"'
 include host/planted.cpp '<runtime/base.h>'
 catches includes.sh "xml/one.h xml/two.h" \
   "echo '#include \"xml/two.h\"' >xml/one.h; echo '#include \"xml/one.h\"' >xml/two.h"

@@ -60,7 +60,8 @@ inline uint64_t BytesInUse(uint32_t category) {
     const QV_SLAB* const slab = static_cast<const QV_SLAB*>(block);
     const uint64_t nominal = size + 16;
     if (nominal < 65536 || (nominal & (nominal - 1)) != 0 || slab->magic != QV_SLAB_MAGIC) continue;
-    if (slab->category == category) bytes += uint64_t{slab->chunkCount - slab->freeCount} * slab->units * 16;
+    if (slab->category == category)
+      bytes += uint64_t{slab->chunkCount - slab->freeCount} * slab->units * 16;
   }
   return bytes;
 }

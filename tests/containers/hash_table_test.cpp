@@ -78,8 +78,8 @@ class RandomRun {
       : flavour_(flavour),
         random_(seed),
         largeBefore_(qvtest::LargeBytesInUse()),
-        table_(__QvCreateHashTable(flavour.flags, flavour.hashes, flavour.levels, SameNumber, ReleaseKey,
-                                   kCategory, seed % 3)) {
+        table_(__QvCreateHashTable(flavour.flags, flavour.hashes, flavour.levels, SameNumber,
+                                   ReleaseKey, kCategory, seed % 3)) {
     g_released.clear();
   }
 
@@ -238,8 +238,8 @@ std::vector<uint64_t> ChainKeys(const Table* table, uint32_t bucket) {
 
 TEST(HashTable, GrowsBeforeTheEntryAfterOneTooMany) {
   qvtest::InstallAccountingHost();
-  for (const auto& [flags, buckets, bits] : {std::tuple(0x2u, 256, 8), {0x8u, 512, 9}, {0x18u, 512, 9},
-                                            {0x12u, 1024, 10}}) {
+  for (const auto& [flags, buckets, bits] :
+       {std::tuple(0x2u, 256, 8), {0x8u, 512, 9}, {0x18u, 512, 9}, {0x12u, 1024, 10}}) {
     Table* const table = __QvCreateHashTable(flags, nullptr, 1, nullptr, nullptr, kCategory, 0);
     ASSERT_EQ(table->bucketCount, buckets);
     ASSERT_EQ(table->bucketBits, bits);
@@ -378,8 +378,8 @@ TEST_P(ScanReentry, EntriesThatACallbackRemovesAreNeverSeenAgain) {
   std::vector<uint64_t> seen;
   const uint32_t removed = ScanWith(table_, [&](uint64_t data) {
     seen.push_back(data);
-    if (data == 8) Remove(8);                   // itself
-    if (data == 7) Remove(6), Remove(9);        // its successor, and one that is over
+    if (data == 8) Remove(8);                        // itself
+    if (data == 7) Remove(6), Remove(9);             // its successor, and one that is over
     if (data == 5) Remove(5), Remove(7), Remove(4);  // itself, its predecessor, its successor
     return data == 3 || data == 8 || data == 5;
   });

@@ -59,8 +59,9 @@ TEST(HashTableThreads, CallbacksRunUnderTheDocumentedLocks) {
   EXPECT_EQ(logged([] { __QvInsertHashTableEntry(g_watched, 5 + 256, Data(1)); }),
             (Log{"compare 120", "compare 200"}));
   EXPECT_EQ(logged([] { __QvLookupHashTable(g_watched, 5 + 256); }), Log{"compare 110"});
-  EXPECT_EQ(logged([&] { __QvLookupAndAcquireHashTableDataItem(g_watched, 5 + 256, NoteAcquire, &out); }),
-            (Log{"compare 110", "acquire 110"}));
+  EXPECT_EQ(
+      logged([&] { __QvLookupAndAcquireHashTableDataItem(g_watched, 5 + 256, NoteAcquire, &out); }),
+      (Log{"compare 110", "acquire 110"}));
   EXPECT_EQ(logged([] { __QvRemoveHashTableEntry(g_watched, 5); }),
             (Log{"compare 120", "compare 120", "key 120"}));
   EXPECT_EQ(logged([] { __QvScanHashTable(g_watched, NoteVisit, 0, 1, NoteReleaseData, nullptr); }),
@@ -333,8 +334,7 @@ TEST(HashTableThreads, NoEntryIsLostDoubledOrResurrected) {
     uint64_t owned = 0;
     for (const auto& worker : workers) owned += worker->Present();
     uint32_t count = 0;
-    const uint32_t shared =
-        __QvScanHashTable(table, VisitOwnedBy, kThreads, 1, RemovedByScan, &count);
+    const uint32_t shared = __QvScanHashTable(table, VisitOwnedBy, kThreads, 1, RemovedByScan, &count);
     EXPECT_EQ(count - shared, owned);
     __QvDestroyHashTable(table, RemovedByDestruction);
     EXPECT_EQ(g_items, 0);

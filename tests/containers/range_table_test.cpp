@@ -25,7 +25,8 @@ constexpr uint64_t kTop = UINT64_MAX;
 std::map<uint64_t, int> g_destroyed;
 void DestroyItem(uint64_t item) { g_destroyed[item]++; }
 
-Table* NewTable(uint64_t largestRange, uint32_t flags = 0, QV_RANGE_DESTROY_ITEM destroy = DestroyItem) {
+Table* NewTable(uint64_t largestRange, uint32_t flags = 0,
+                QV_RANGE_DESTROY_ITEM destroy = DestroyItem) {
   qvtest::InstallAccountingHost();
   g_destroyed.clear();
   return __QvCreateRangeTable(largestRange, kCategory, 0, flags, destroy);
@@ -169,7 +170,8 @@ TEST(RangeTable, BlocksAreThoseOfTheDocumentedProcedure) {
     Cut(start, end, maxLevel, expected);
     qv::BlockWalk walk(start, end, maxLevel);
     for (qv::BlockRun run; walk.Next(run);) {
-      for (uint64_t k = 0; k < run.count; k++) blocks.push_back({run.level, run.address + (k << (run.level + 1))});
+      for (uint64_t k = 0; k < run.count; k++)
+        blocks.push_back({run.level, run.address + (k << (run.level + 1))});
     }
     ASSERT_EQ(blocks, expected) << std::hex << start << " " << end << " " << maxLevel;
   }
@@ -180,9 +182,15 @@ TEST(RangeTable, BlocksAreThoseOfTheDocumentedProcedure) {
 class RandomRun {
  public:
   // Ranges lie in [base, base + width) at multiples of `grain`.
-  RandomRun(uint64_t largestRange, uint32_t flags, uint64_t base, uint64_t width, uint64_t grain, uint32_t seed)
-      : base_(base), width_(width), grain_(grain), chains_(flags == 0), random_(seed),
-        largeBefore_(qvtest::LargeBytesInUse()), table_(NewTable(largestRange, flags)),
+  RandomRun(uint64_t largestRange, uint32_t flags, uint64_t base, uint64_t width, uint64_t grain,
+            uint32_t seed)
+      : base_(base),
+        width_(width),
+        grain_(grain),
+        chains_(flags == 0),
+        random_(seed),
+        largeBefore_(qvtest::LargeBytesInUse()),
+        table_(NewTable(largestRange, flags)),
         model_(table_->maxLevel) {}
 
   void Steps(int count) {
@@ -308,12 +316,13 @@ TEST(RangeTable, RandomRunsAgreeWithAModelAndAccountForEveryByte) {
   for (uint32_t seed = 1; seed <= 2; seed++) {
     for (const uint64_t largest : {uint64_t{0}, uint64_t{64}, uint64_t{4096}, kTop}) {
       for (const uint64_t base : {uint64_t{1}, uint64_t{0x7F0000001234}, kTop - 0x3000}) {
-        SCOPED_TRACE("largest " + std::to_string(largest) + ", base " + std::to_string(base) + ", seed " +
-                     std::to_string(seed));
+        SCOPED_TRACE("largest " + std::to_string(largest) + ", base " + std::to_string(base) +
+                     ", seed " + std::to_string(seed));
         RandomRun(largest, 0, base, 0x3000, 1, seed).Steps(3000);
         RandomRun(largest, 0, base & ~uint64_t{15}, 0x3000, 16, seed).Steps(3000);
-        RandomRun(largest, QV_RANGE_TABLE_UNSHARED_BLOCKS, (base | 31) - 31 + (base < 32 ? 32 : 0), 0x2000,
-                  32, seed).Steps(3000);
+        RandomRun(largest, QV_RANGE_TABLE_UNSHARED_BLOCKS, (base | 31) - 31 + (base < 32 ? 32 : 0),
+                  0x2000, 32, seed)
+            .Steps(3000);
         if (HasFatalFailure()) return;
       }
     }
@@ -325,8 +334,9 @@ TEST(RangeTable, RandomRunsAgreeWithAModelAndAccountForEveryByte) {
 
 TEST(RangeTable, LevelsComeFromTheLargestRangeAndAreMadeOnFirstUse) {
   const std::pair<uint64_t, uint32_t> levels[] = {
-      {0, 4},      {31, 4},      {32, 4},         {63, 4},         {64, 5},         {4096, 11},
-      {4097, 11},  {8191, 11},   {1 << 27, 26},   {(1 << 28) - 1, 26}, {1 << 28, 26}, {kTop, 26}};
+      {0, 4},        {31, 4},    {32, 4},    {63, 4},       {64, 5},
+      {4096, 11},    {4097, 11}, {8191, 11}, {1 << 27, 26}, {(1 << 28) - 1, 26},
+      {1 << 28, 26}, {kTop, 26}};
   for (const auto& [largest, maxLevel] : levels) {
     Table* const table = NewTable(largest, 0xFF0FFFFE);
     EXPECT_EQ(table->minLevel, 4u);
@@ -451,8 +461,9 @@ TEST(RangeTable, EmptyInvertedAndOverlappingRangesLeaveNothingBehind) {
     __QvInsertRangeTableEntry(table, kTop, 0, 1);
     EXPECT_EQ(BytesInUse(kCategory), empty);
     // The same range three times, one inside it, one across its end, a long one over all of them.
-    const std::pair<uint64_t, uint64_t> ranges[] = {{0x1010, 0x1450}, {0x1010, 0x1450}, {0x1010, 0x1450},
-                                                    {0x1100, 0x1180}, {0x1440, 0x14F0}, {0x10, 0x8001}};
+    const std::pair<uint64_t, uint64_t> ranges[] = {{0x1010, 0x1450}, {0x1010, 0x1450},
+                                                    {0x1010, 0x1450}, {0x1100, 0x1180},
+                                                    {0x1440, 0x14F0}, {0x10, 0x8001}};
     for (const auto& [low, high] : ranges) {
       __QvInsertRangeTableEntry(table, low, high, 2);
       ASSERT_SOUND(qv::ValidateRangeTable(*table));
@@ -472,7 +483,8 @@ TEST(RangeTable, EmptyInvertedAndOverlappingRangesLeaveNothingBehind) {
 
 TEST(RangeTable, LongChainsOfRangesThatShareABlock) {
   Table* const table = NewTable(0);
-  for (uint64_t i = 0; i < 32 * 100; i++) __QvInsertRangeTableEntry(table, 0x1000 + i, 0x1001 + i, i + 1);
+  for (uint64_t i = 0; i < 32 * 100; i++)
+    __QvInsertRangeTableEntry(table, 0x1000 + i, 0x1001 + i, i + 1);
   for (uint64_t i = 0; i < 32 * 100; i++) ASSERT_EQ(ItemAt(table, 0x1000 + i), i + 1);
   EXPECT_EQ(__QvRemoveFirstRangeTableEntry(table, 0x1005, 0x1007), 7u);  // the newer one is met first
   EXPECT_EQ(__QvRemoveFirstRangeTableEntry(table, 0x1005, 0x1007), 6u);

@@ -277,7 +277,8 @@ TEST_F(Sets, WhatWouldPassTheLimitIsRefused) {
   __QvAddAnElementToMultiSet(&multiset, 64);
   multiset.count = QV_SET_MAXIMUM_COUNT - 2;
   QV_MULTISET source = {0, 42, nullptr};
-  for (const uint32_t element : {65u, 70u, 64u, 66u, 200u}) __QvAddAnElementToMultiSet(&source, element);
+  for (const uint32_t element : {65u, 70u, 64u, 66u, 200u})
+    __QvAddAnElementToMultiSet(&source, element);
   __QvUnionMultiSet(&multiset, &source);
   __QvUnionMultiSetSet(&multiset, &more);
   __QvAddAnElementToMultiSet(&multiset, 67);

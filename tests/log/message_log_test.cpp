@@ -359,8 +359,7 @@ TEST(LazyOpening, ByOutOfMemoryItself) {
   EXPECT_EQ(ReadLog(child.Read("qvlog.log")).Brief(), kEnd);
 }
 
-// ---- A killed process
-// --------------------------------------------------------------------------------
+// ---- A killed process --------------------------------------------------------------------------------
 
 TEST(MessageLog, EveryReturnedEntrySurvivesSigkill) {
   auto* const returned = static_cast<uint32_t*>(

@@ -1,7 +1,6 @@
 // A host for tests that look at what the library asks of its hooks, and that make them fail.
 //
-// Every call of the allocate and the free hook is an event: "+65520 " a block given, "!65520 " a
-// refusal,
+// Every call of the allocate and the free hook is an event: "+65520 " a block given, "!65520 " a refusal,
 // "-65520 " a block taken back. A block that comes back twice, or was never given, fails the test.
 // Blocks are the C library's, so that the address sanitizer watches their ends and their afterlife.
 #pragma once
