@@ -863,13 +863,16 @@ QV_API void __QvLogToolOptionValues(uint32_t parser);
  *
  * What a callback may do follows from what is held while it runs:
  *   hash function, compare, release of a key, acquire, freeData
- *       run in the middle of an operation: no call into the same table, no wait for a thread that may
- * be in one. visit and release of a scan any call for the same table but its destruction. What they
- * remove, the entry under the scan included, the scan passes over from then on and does not count;
- * whether it visits what they insert is open; a leaf that is due to grow does so at an insertion after
- * the scan. A table of several levels that locks: two scans whose callbacks call into each other's
- * leaves would wait for each other. All may allocate and free. A memory collector that runs because an
- * operation allocates may scan the same table, but not insert into it.
+ *       run in the middle of an operation: no call into the same table, no wait for a thread that may be
+ *       in one.
+ *   visit and release of a scan
+ *       any call for the same table but its destruction. What they remove, the entry under the scan
+ *       included, the scan passes over from then on and does not count; whether it visits what they
+ *       insert is open; a leaf that is due to grow does so at an insertion after the scan. A table of
+ *       several levels that locks: two scans whose callbacks call into each other's leaves would wait
+ *       for each other.
+ * All may allocate and free. A memory collector that runs because an operation allocates may scan the
+ * same table, but not insert into it.
  *
  * A null table: nothing is found, added, removed or visited. */
 typedef struct QV_HASH_TABLE QV_HASH_TABLE;
@@ -962,8 +965,8 @@ QV_API void __QvDestroyHashTable(QV_HASH_TABLE* table, QV_HASH_FREE_DATA freeDat
  * time, one allocation or one release, and at most two locks; a search is linear.
  *
  * No lock of the queue is held while memory is allocated or released, so a memory collector may use
- * queues. A null queue: empty, and a call does nothing. The locks are the library's: do not take them.
- */
+ * queues. A null queue: empty, and a call does nothing. The locks are the library's: do not take
+ * them. */
 typedef struct QV_QUEUE_NODE {
   uint64_t value;
   struct QV_QUEUE_NODE* next;
@@ -1023,9 +1026,9 @@ typedef struct QV_VECTOR {
 QV_API QV_VECTOR* __QvCreateVector(uint32_t category);
 /* Prepares a vector in the caller's own storage, which must not move: entry 0 of its pages points into
  * it. Allocates nothing; returns the vector. Such a vector owns its pages but not its record, so it
- * must not go to __QvDestroyVector. Its pages are given back so (null entries are fine): for (int i =
- * 1; i < QV_VECTOR_PAGES; i++) __QvFree(vector->pages[i]); after which the storage is the caller's
- * again, or ready for the next __QvInitializeVector. */
+ * must not go to __QvDestroyVector. Its pages are given back so (null entries are fine):
+ *   for (int i = 1; i < QV_VECTOR_PAGES; i++) __QvFree(vector->pages[i]);
+ * after which the storage is the caller's again, or ready for the next __QvInitializeVector. */
 QV_API QV_VECTOR* __QvInitializeVector(QV_VECTOR* vector, uint32_t category);
 /* Releases the pages and, with __QvFree, the record. */
 QV_API void __QvDestroyVector(QV_VECTOR* vector);
