@@ -49,15 +49,14 @@ OptionRecord* FindOptionByName(uint32_t parser, const char* name) {
   return nullptr;
 }
 
-// A whole number from 0 to 2,147,483,647 in C's notation. errno is the analysed program's and is kept.
+// A whole number from 0 to 2,147,483,647 in C's notation. One that a long cannot hold comes back as the
+// largest long, which is refused too, so errno tells nothing; it is the analysed program's and is kept.
 bool ParseInteger(const char* text, int32_t& value) {
   const int savedErrno = errno;
-  errno = 0;
   char* end = nullptr;
   const long parsed = strtol(text, &end, 0);
-  const bool converted = errno == 0 && end != text && *end == 0;
   errno = savedErrno;
-  if (!converted || parsed < 0 || parsed > INT32_MAX) return false;
+  if (end == text || *end != 0 || parsed < 0 || parsed > INT32_MAX) return false;
   value = int32_t(parsed);
   return true;
 }

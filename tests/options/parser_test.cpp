@@ -208,7 +208,7 @@ class Model {
     if (option.type < 2) return;
     CHECK(Copy(__QvGetStringOptionValue(p, id)) == values[0]);
     if (option.type == 4) CHECK(Copy(__QvGetPathOptionValue(p, id)) == values[0]);
-    for (uint32_t i = 0; i <= values.size() + 1; i++) {
+    for (uint32_t i = 0; i <= values.size() + 2; i++) {
       const auto get =
           option.type == 4 ? __QvGetPathOptionArgumentValue : __QvGetStringOptionArgumentValue;
       CHECK(Copy(get(p, id, i)) == (i - 1 < values.size() ? values[i - 1] : Text()));

@@ -182,6 +182,7 @@ TEST(OptionRegistry, OwnsWhatItCopiesAndGivesAllOfItBack) {
     CHECK(__QvGetOptionName(parser, list) != nullptr);
     CHECK_EQ(__QvReleaseOptionParserHandle(parser, (a + "longer").c_str()), 1);
     CHECK_EQ(g_blocks, before);
+    CHECK_EQ(qv::g_optionTables.options[list].parserId, kNone);
     CHECK_EQ(__QvReleaseOptionParserHandle(parser, a.c_str()), 0);
     for (const uint32_t id : {parser, kNone}) {
       CHECK(__QvGetOptionName(id, list) == nullptr);

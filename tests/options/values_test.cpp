@@ -19,9 +19,9 @@ void AddAtFirst(const char* value, void*) {
   if (g_seen.size() == 1) __QvSetStringOption(g_parser, g_option, "added");
 }
 
-void ReleaseAtSecond(const char* value, void*) {
+void ReleaseInSecondSlab(const char* value, void*) {
   g_seen.push_back(value);
-  if (g_seen.size() == 2) CHECK_EQ(__QvReleaseOptionParserHandle(g_parser, "tool"), 1);
+  if (g_seen.size() == 3000) CHECK_EQ(__QvReleaseOptionParserHandle(g_parser, "tool"), 1);
 }
 
 TEST(OptionValues, AWalkSeesWhatTheCallbackAddsAndEndsWhenItReleases) {
@@ -29,14 +29,15 @@ TEST(OptionValues, AWalkSeesWhatTheCallbackAddsAndEndsWhenItReleases) {
     StartTool();
     g_parser = __QvGetOptionParser("tool");
     g_option = __QvRegisterStringOption(g_parser, "-I", "", "default", 0, 1, 0);
-    const std::string values[] = {BlockText('a'), BlockText('b')};
-    for (const std::string& value : values) __QvSetStringOption(g_parser, g_option, value.c_str());
+    __QvSetStringOption(g_parser, g_option, "a");
+    __QvSetStringOption(g_parser, g_option, "b");
     __QvProcessAppendOptionValues(g_parser, g_option, nullptr, nullptr);
     __QvProcessAppendOptionValues(g_parser, g_option, AddAtFirst, nullptr);
-    CHECK(g_seen == std::vector<std::string>({values[0], values[1], "added"}));
+    CHECK(g_seen == std::vector<std::string>({"a", "b", "added"}));
     g_seen.clear();
-    __QvProcessAppendOptionValues(g_parser, g_option, ReleaseAtSecond, nullptr);
-    CHECK(g_seen == std::vector<std::string>({values[0], values[1]}));
+    for (int i = 0; i < 5000; i++) __QvSetStringOption(g_parser, g_option, "c");  // three slabs
+    __QvProcessAppendOptionValues(g_parser, g_option, ReleaseInSecondSlab, nullptr);
+    CHECK_EQ(g_seen.size(), 3000u);
   });
   EXPECT_TRUE(child.Ok()) << child.err;
 }
@@ -75,10 +76,16 @@ TEST(OptionValues, TheLogJoinsAppendValuesUpTo2047Characters) {
       __QvSetStringOption(parser, list, value.c_str());
       __QvSetStringOption(parser, list, "w");
       __QvLogToolOptionValues(parser);
+      const int blocks = g_blocks;
+      for (int again = 0; again < 39; again++) __QvLogToolOptionValues(parser);
+      CHECK_EQ(g_blocks, blocks);
     });
+    EXPECT_TRUE(child.Ok()) << child.err;
     ExpectedLog log;
-    log.Comment("tool's options are the following: ");
-    log.Comment("-list" + std::string(30, ' ') + (value + ", w, ").substr(0, 2047));
+    for (int i = 0; i < 40; i++) {
+      log.Comment("tool's options are the following: ");
+      log.Comment("-list" + std::string(30, ' ') + (value + ", w, ").substr(0, 2047));
+    }
     EXPECT_EQ(WithoutTimes(child.Read("qvlog.log")), log.Text());
   }
 }
