@@ -97,9 +97,18 @@ QV_SIZE_CLASS* MakeSizeClasses(QV_ALLOCATE_PROC allocateProc) {
 
 }  // namespace
 
+void* AllocateBusySlow(QV_SIZE_CLASS& sizeClass, uint32_t category, uint32_t slabSizeShift) {
+  {
+    const SizeClassGuard guard(sizeClass.lock);
+    QV_SLAB* const slab = sizeClass.firstSlab;
+    if (slab != nullptr) return PopChunkLocked(sizeClass, *slab) + 1;
+  }
+  return AllocateFromNewSlabSlow(sizeClass, category, slabSizeShift);
+}
+
 // The hook is called without a class lock held, so another thread may make a slab of the same class
 // meanwhile; both are then on the list.
-uint64_t* PopFromNewSlabSlow(QV_SIZE_CLASS& sizeClass, uint32_t category, uint32_t slabSizeShift) {
+void* AllocateFromNewSlabSlow(QV_SIZE_CLASS& sizeClass, uint32_t category, uint32_t slabSizeShift) {
   const uint64_t slabBytes = SlabBytes(slabSizeShift);
   QV_SLAB* const slab = static_cast<QV_SLAB*>(AcquireMemoryForMalloc(slabBytes - 16));
   CountSlabAcquired(category, slabBytes);
@@ -113,7 +122,7 @@ uint64_t* PopFromNewSlabSlow(QV_SIZE_CLASS& sizeClass, uint32_t category, uint32
   slab->freeCount = slab->chunkCount;
   slab->freeList = ChunkHeader(slab, 0, slab->units);
   ThreadChunks(slab);
-  return PopChunkLocked(sizeClass);
+  return PopChunkLocked(sizeClass, *slab) + 1;
 }
 
 void* AllocateSlow(uint32_t category, uint64_t sizeBytes, uint32_t slabSizeShift) {
@@ -146,14 +155,28 @@ void ReleaseSlow(uint64_t* header, uint64_t word) {
   }
 }
 
-// After a release that left the slab with one free chunk, or with all of them free.
-void SettleSlabLocked(QV_SIZE_CLASS& sizeClass, QV_SLAB& slab) {
+namespace {
+
+// The slab has one free chunk, or all of them free. The hook takes a slab back under the class lock.
+void SettleSlabLocked(QV_SIZE_CLASS& sizeClass, QV_SLAB& slab, SizeClassGuard& guard) {
   if (slab.freeCount != slab.chunkCount) return PushSlabLocked(sizeClass, &slab);
   const bool onlyOne = sizeClass.firstSlab == &slab && slab.nextSlab == nullptr;
   if (onlyOne || g_heap.freeProc == nullptr) return;
   UnlinkSlabLocked(sizeClass, slab);
   CountSlabReleased(slab.category, SlabBytes(slab.slabSizeShift));
-  g_heap.freeProc(&slab);
+  guard.CallOut(g_heap.freeProc, &slab);
+}
+
+}  // namespace
+
+void SettleSlabSlow(QV_SIZE_CLASS& sizeClass, QV_SLAB& slab) {
+  SizeClassGuard guard(sizeClass.lock, Adopt());
+  SettleSlabLocked(sizeClass, slab, guard);
+}
+
+void ReleaseBusySlow(QV_SIZE_CLASS& sizeClass, QV_SLAB& slab, uint64_t* header) {
+  SizeClassGuard guard(sizeClass.lock);
+  if (PushChunkLocked(slab, header)) SettleSlabLocked(sizeClass, slab, guard);
 }
 
 void* Allocate(uint32_t category, uint32_t sizeBytes, uint32_t slabSizeShift) {

@@ -22,7 +22,13 @@
 
 namespace qv {
 
-using SizeClassGuard = SpinGuard<LockRank::kSizeClass>;
+// The fast paths hold a class lock for a few instructions and call nothing; they wait for nobody and
+// leave what is not common to a slow half, always as the last thing they do, so they need no frame.
+using SizeClassGuard = BriefGuard<LockRank::kSizeClass>;
+QV_INLINE bool TryLock(QV_SIZE_CLASS& sizeClass) {
+  return TryBriefly<LockRank::kSizeClass>(sizeClass.lock);
+}
+QV_INLINE void Unlock(QV_SIZE_CLASS& sizeClass) { LeaveBriefly<LockRank::kSizeClass>(sizeClass.lock); }
 
 struct Heap {
   QV_SIZE_CLASS* classes;
@@ -33,10 +39,12 @@ struct Heap {
 extern Heap g_heap;
 
 QV_COLD void* AllocateSlow(uint32_t category, uint64_t sizeBytes, uint32_t slabSizeShift);
-QV_COLD uint64_t* PopFromNewSlabSlow(QV_SIZE_CLASS& sizeClass, uint32_t category,
-                                     uint32_t slabSizeShift);
+QV_COLD void* AllocateBusySlow(QV_SIZE_CLASS& sizeClass, uint32_t category, uint32_t slabSizeShift);
+QV_COLD void* AllocateFromNewSlabSlow(QV_SIZE_CLASS& sizeClass, uint32_t category,
+                                      uint32_t slabSizeShift);
 QV_COLD void ReleaseSlow(uint64_t* header, uint64_t word);
-QV_COLD void SettleSlabLocked(QV_SIZE_CLASS& sizeClass, QV_SLAB& slab);
+QV_COLD void ReleaseBusySlow(QV_SIZE_CLASS& sizeClass, QV_SLAB& slab, uint64_t* header);
+QV_COLD void SettleSlabSlow(QV_SIZE_CLASS& sizeClass, QV_SLAB& slab);  // lock held; leaves it
 
 QV_INLINE uint64_t UnitsFor(uint32_t sizeBytes) { return (uint64_t{sizeBytes} + 23) / 16; }
 
@@ -52,19 +60,23 @@ QV_INLINE void UnlinkSlabLocked(QV_SIZE_CLASS& sizeClass, QV_SLAB& slab) {
   if (next != nullptr) next->previousSlab = previous;
 }
 
-// Pops a chunk from the class's first slab, which exists and has one, by (1).
-QV_INLINE uint64_t* PopChunkLocked(QV_SIZE_CLASS& sizeClass) {
-  QV_SLAB& slab = *sizeClass.firstSlab;
+// Pops a chunk from the class's first slab, which has one, by (1).
+QV_INLINE uint64_t* PopChunkLocked(QV_SIZE_CLASS& sizeClass, QV_SLAB& slab) {
   uint64_t* const header = static_cast<uint64_t*>(slab.freeList);
-  slab.freeList = reinterpret_cast<void*>(LoadRelaxed(*header) & ~uint64_t{1});
+  void* const next = reinterpret_cast<void*>(LoadRelaxed(*header) & ~uint64_t{1});
   StoreRelaxed(*header, reinterpret_cast<uint64_t>(&slab));
+  slab.freeList = next;
+  __builtin_prefetch(next, 1);  // the next pop reads and writes it; freed long ago, it is cold
   if (QV_UNLIKELY(--slab.freeCount == 0)) UnlinkSlabLocked(sizeClass, slab);
   return header;
 }
 
-QV_INLINE uint64_t* PopChunk(QV_SIZE_CLASS& sizeClass) {
-  const SizeClassGuard guard(sizeClass.lock);
-  return QV_LIKELY(sizeClass.firstSlab != nullptr) ? PopChunkLocked(sizeClass) : nullptr;
+// True if the slab now has one free chunk, or all of them free, and is to be settled.
+QV_INLINE bool PushChunkLocked(QV_SLAB& slab, uint64_t* header) {
+  StoreRelaxed(*header, reinterpret_cast<uint64_t>(slab.freeList) | 1);
+  slab.freeList = header;
+  const uint32_t freeCount = ++slab.freeCount;
+  return (freeCount == slab.chunkCount) | (freeCount == 1);
 }
 
 QV_INLINE void* AllocateInline(uint32_t category, uint32_t sizeBytes, uint32_t slabSizeShift) {
@@ -74,10 +86,14 @@ QV_INLINE void* AllocateInline(uint32_t category, uint32_t sizeBytes, uint32_t s
     return AllocateSlow(category, sizeBytes, slabSizeShift);
   }
   QV_SIZE_CLASS& sizeClass = SizeClassOf(category, uint32_t(units));
-  uint64_t* header = PopChunk(sizeClass);
-  if (QV_UNLIKELY(header == nullptr)) {
-    header = PopFromNewSlabSlow(sizeClass, category, slabSizeShift);
+  if (QV_UNLIKELY(!TryLock(sizeClass))) return AllocateBusySlow(sizeClass, category, slabSizeShift);
+  QV_SLAB* const slab = sizeClass.firstSlab;
+  if (QV_UNLIKELY(slab == nullptr)) {
+    Unlock(sizeClass);
+    return AllocateFromNewSlabSlow(sizeClass, category, slabSizeShift);
   }
+  uint64_t* const header = PopChunkLocked(sizeClass, *slab);
+  Unlock(sizeClass);
   return header + 1;
 }
 
@@ -91,13 +107,9 @@ QV_INLINE void ReleaseInline(void* address) {
     return ReleaseSlow(header, word);
   }
   QV_SIZE_CLASS& sizeClass = SizeClassOf(slab->category, slab->units);
-  const SizeClassGuard guard(sizeClass.lock);
-  StoreRelaxed(*header, reinterpret_cast<uint64_t>(slab->freeList) | 1);
-  slab->freeList = header;
-  const uint32_t freeCount = ++slab->freeCount;
-  if (QV_UNLIKELY((freeCount == slab->chunkCount) | (freeCount == 1))) {
-    SettleSlabLocked(sizeClass, *slab);
-  }
+  if (QV_UNLIKELY(!TryLock(sizeClass))) return ReleaseBusySlow(sizeClass, *slab, header);
+  if (QV_UNLIKELY(PushChunkLocked(*slab, header))) return SettleSlabSlow(sizeClass, *slab);
+  Unlock(sizeClass);
 }
 
 // Walks a class: null if all is well, else what is wrong.

@@ -41,4 +41,42 @@ class SpinGuard : NonCopyable {
   Hold hold_;
 };
 
+// A brief hold (spin_lock.h) of a scope that calls nothing but by CallOut. A fast path that must not
+// wait takes the lock by TryBriefly and either leaves it by LeaveBriefly or hands it to a guard that
+// adopts it.
+template <LockRank kRank>
+QV_INLINE bool TryBriefly(QV_SPIN_LOCK& lock) {
+  if (!SpinTryBriefly(lock)) return false;
+  if (kQvDebug) LockOrderEnter(kRank);
+  return true;
+}
+
+template <LockRank kRank>
+QV_INLINE void LeaveBriefly(QV_SPIN_LOCK& lock) {
+  SpinLeaveBriefly(lock);
+  if (kQvDebug) LockOrderLeave(kRank);
+}
+
+struct Adopt {};
+
+template <LockRank kRank>
+class BriefGuard : NonCopyable {
+ public:
+  BriefGuard(QV_SPIN_LOCK& lock, Adopt) : lock_(lock), taken_(true) {}
+  explicit BriefGuard(QV_SPIN_LOCK& lock) : lock_(lock), taken_(SpinTakeBriefly(lock)) {
+    if (kQvDebug) LockOrderEnter(kRank);
+  }
+  ~BriefGuard() {
+    if (taken_) SpinLeaveBriefly(lock_);
+    if (kQvDebug) LockOrderLeave(kRank);
+  }
+  void CallOut(void (*proc)(void*), void* argument) {
+    taken_ = SpinCallOut(lock_, taken_, proc, argument);
+  }
+
+ private:
+  QV_SPIN_LOCK& lock_;
+  bool taken_;
+};
+
 }  // namespace qv

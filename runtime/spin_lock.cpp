@@ -5,6 +5,22 @@ static_assert(sizeof(QV_SPIN_LOCK) == 24 && alignof(QV_SPIN_LOCK) == 8);
 static_assert(offsetof(QV_SPIN_LOCK, owner) == 0 && offsetof(QV_SPIN_LOCK, state) == 8);
 static_assert(offsetof(QV_SPIN_LOCK, recursionCount) == 12 && offsetof(QV_SPIN_LOCK, spinCount) == 16);
 
+namespace {
+
+// Who holds a lock briefly is out before a yield would have returned, unless it was interrupted; so the
+// wait is longer than that before the first yield, whatever the record's own count.
+constexpr uint32_t kBriefSpinCount = 100;
+
+void WaitAndTake(QV_SPIN_LOCK& lock, uint32_t spinCount) {
+  qv::Waiter waiter(spinCount);
+  do {
+    while (qv::LoadRelaxed(lock.state) != 0 && waiter.Spin()) {
+    }
+  } while (!qv::TryExchange(lock.state, 1u, 0u));
+}
+
+}  // namespace
+
 void qv::SpinWaitUntilFree(const QV_SPIN_LOCK& lock) {
   Waiter waiter(lock.spinCount);
   while (LoadRelaxed(lock.owner) != 0) waiter.Spin();
@@ -12,12 +28,24 @@ void qv::SpinWaitUntilFree(const QV_SPIN_LOCK& lock) {
 
 void qv::SpinAcquireSlow(QV_SPIN_LOCK& lock, uint32_t me) {
   if (me == 0) return SpinWaitUntilFree(lock);
-  Waiter waiter(lock.spinCount);
-  do {
-    while (LoadRelaxed(lock.state) != 0 && waiter.Spin()) {
-    }
-  } while (!TryExchange(lock.state, 1u, 0u));
+  WaitAndTake(lock, lock.spinCount);
   SpinOwn(lock, me);
+}
+
+bool qv::SpinTakeBriefly(QV_SPIN_LOCK& lock) {
+  const uint32_t me = SelfId();
+  if (me != 0 && LoadRelaxed(lock.owner) == me) return false;
+  WaitAndTake(lock, kBriefSpinCount);
+  return true;
+}
+
+bool qv::SpinCallOut(QV_SPIN_LOCK& lock, bool taken, void (*proc)(void*), void* argument) {
+  const uint32_t me = taken ? SelfId() : 0;
+  if (me != 0) SpinOwn(lock, me);
+  if (taken && me == 0) StoreRelease(lock.state, 0u);
+  proc(argument);
+  if (me != 0) SpinDisown(lock);
+  return me != 0;
 }
 
 namespace {
