@@ -1,10 +1,10 @@
 // Range table, inside view.
 //
-//   [0x10, 0xC0)        block       level   its hash table: levels[level - 4]
-//                       0x00        4       -> link -> record      (reaches outside, below)
-//                       0x20        4       -> link -> record
-//                       0x40        5       -> record
-//                       0x80        5       -> record
+//   [0x10, 0xC0)   block   level   levels[level - 4]                    filters[level - 4]
+//                  0x00    4       entry -> link -> record  (outside)   | word | word | word | ...
+//                  0x20    4       entry -> link -> record                one for each bucket
+//                  0x40    5       entry -> record
+//                  0x80    5       entry -> record
 //
 // Invariants
 //  (1) A block of level L is 2^(L+1) bytes at a multiple of that. Every block of a range lies inside the
@@ -13,8 +13,14 @@
 //      and for removal.
 //  (3) references is the number of hash entries and links that name the record. It is above 0: a record
 //      that nothing names is gone.
-//  (4) destroyItem runs last, when no structure of the table holds anything of the range. It may use the
+//  (4) A filter has exactly the bits of the blocks that its level's hash table holds.
+//  (5) destroyItem runs last, when no structure of the table holds anything of the range. It may use the
 //      table, so nothing read before it is used after it.
+//
+// The filters are why a lookup is fast. An address has a block on every level, and most levels do not
+// hold it; to learn that from their hash tables costs a bucket and a chain each, up to eight entries long
+// on the finest levels, whose hash function uses every eighth, fourth or second bucket only. The filters
+// are small enough to stay in the cache, and asking all of them takes no branch that could be mispredicted.
 #pragma once
 
 #include "containers/hash_table.h"
@@ -23,15 +29,53 @@ namespace qv {
 
 inline constexpr uint32_t kFinestLevel = 4;
 inline constexpr uint32_t kCoarsestLevel = 26;
+inline constexpr uint32_t kLevels = kCoarsestLevel - kFinestLevel + 1;
 inline constexpr uint64_t kFinestBlock = 32;
 
 QV_INLINE uint64_t BlockBytes(uint32_t level) { return uint64_t{2} << level; }
 QV_INLINE uint64_t RoundDown(uint64_t address, uint32_t level) { return address & -BlockBytes(level); }
 
-// What is behind each QV_RANGE_RECORD; the link fits into the chunk that the record needs in any case.
-struct RangeRecord : QV_RANGE_RECORD {
-  RangeRecord* nextDead;  // while its table is being emptied
+// The level of the largest block not above the length.
+QV_INLINE uint32_t LevelFor(uint64_t length, uint32_t maxLevel) {
+  const uint32_t level = 62 - uint32_t(__builtin_clzll(length | kFinestBlock));
+  return level < maxLevel ? level : maxLevel;
+}
+
+// ---- Records ----------------------------------------------------------------------------------------
+
+struct BlockFilter {
+  uint16_t* words;  // as many as the level's hash table has buckets
+  uint64_t mask;    // their number less one
 };
+
+// What is behind each QV_RANGE_TABLE.
+struct RangeTable : QV_RANGE_TABLE {
+  uint32_t usedLevels;           // bit L: level L has a hash table and a filter
+  BlockFilter filters[kLevels];  // allocated up to maxLevel
+};
+
+// What is behind each QV_RANGE_RECORD. The link fits into the chunk that the record takes in any case.
+struct RangeRecord : QV_RANGE_RECORD {
+  RangeRecord* nextDead;
+};
+
+struct Bounds {
+  uint64_t start, end;
+  bool Are(const QV_RANGE_RECORD& record) const { return record.start == start && record.end == end; }
+};
+
+// Records that nothing names any more, in the order in which they died.
+class DeadRecords : NonCopyable {
+ public:
+  void Drop(RangeRecord* record);                // gives one reference up; null does nothing
+  void Bury(QV_RANGE_DESTROY_ITEM destroyItem);  // last of all, by (5); destroyItem may be null
+
+ private:
+  RangeRecord* first_ = nullptr;
+  RangeRecord** last_ = &first_;
+};
+
+// ---- Blocks -----------------------------------------------------------------------------------------
 
 // Blocks of one level that follow on each other; more than one only at the table's largest size.
 struct BlockRun {
@@ -71,6 +115,110 @@ class BlockWalk {
   const uint32_t maxLevel_;
 };
 
+// Where a filter notes a block: two bits of one word. The word is that of the block's bucket or, on the
+// finest levels, one of the group of words whose other buckets the level's hash function never uses.
+class BlockMark {
+ public:
+  QV_INLINE BlockMark(uint64_t address, uint32_t level, uint64_t mask) {
+    const uint64_t mixed = (address >> (level + 1)) * 0x9E3779B97F4A7C15;  // 2^64 by the golden ratio
+    const uint64_t hash = ShiftXor(RoundDown(address, level), level - kFinestLevel + 1);
+    const uint64_t unused = 7u >> (level - kFinestLevel);
+    word_ = (hash & mask) | (mixed >> 48 & unused);
+    first_ = uint32_t(mixed >> 60);
+    second_ = uint32_t(mixed >> 56 & 15);
+  }
+  QV_INLINE uint64_t Word() const { return word_; }
+  QV_INLINE uint32_t Bits() const { return 1u << first_ | 1u << second_; }
+  QV_INLINE bool IsIn(uint32_t word) const { return (word >> first_ & word >> second_ & 1) != 0; }
+
+ private:
+  uint64_t word_;
+  uint32_t first_, second_;
+};
+
+QV_INLINE const RangeTable& Own(const QV_RANGE_TABLE& table) {
+  return static_cast<const RangeTable&>(table);
+}
+QV_INLINE RangeTable& Own(QV_RANGE_TABLE& table) { return static_cast<RangeTable&>(table); }
+
+QV_INLINE HashTable* LevelTable(const RangeTable& table, uint32_t level) {
+  return static_cast<HashTable*>(table.levels[level - kFinestLevel]);
+}
+
+// Whether the blocks of the level hold chains of links instead of records.
+QV_INLINE bool HoldsChains(const RangeTable& table, uint32_t level) {
+  return level == kFinestLevel && (table.flags & QV_RANGE_TABLE_UNSHARED_BLOCKS) == 0;
+}
+
+// The bucket of a block: the hash function of the level, without the call.
+QV_INLINE QV_HASH_BUCKET& BucketOf(const QV_HASH_TABLE& hash, uint64_t address, uint32_t level) {
+  return BucketAt(hash, ShiftXor(address, level - kFinestLevel + 1));
+}
+QV_INLINE QV_HASH_ENTRY* FindBlock(const QV_HASH_TABLE& hash, uint64_t address, uint32_t level) {
+  return FindPlain(BucketOf(hash, address, level).head, address);
+}
+
+// ---- Searches ---------------------------------------------------------------------------------------
+
+struct FoundBlock {
+  QV_HASH_ENTRY* entry;  // null: none
+  uint32_t level;
+};
+
+// The levels among those given whose block of the address may be registered.
+QV_INLINE uint32_t AskFilters(const RangeTable& table, uint64_t address, uint32_t levels) {
+  uint32_t candidates = 0;
+  for (; levels != 0; levels &= levels - 1) {
+    const uint32_t level = uint32_t(__builtin_ctz(levels));
+    const BlockFilter& filter = table.filters[level - kFinestLevel];
+    const BlockMark mark(address, level, filter.mask);
+    candidates |= uint32_t{mark.IsIn(filter.words[mark.Word()])} << level;
+  }
+  return candidates;
+}
+
+// The registered block that holds the address, from the level given down.
+QV_INLINE FoundBlock FindBlockAt(const RangeTable& table, uint64_t address, uint32_t level) {
+  uint32_t candidates = AskFilters(table, address, table.usedLevels & ((2u << level) - 1));
+  while (candidates != 0) {
+    level = 31 - uint32_t(__builtin_clz(candidates));
+    QV_HASH_ENTRY* const entry = FindBlock(*LevelTable(table, level), RoundDown(address, level), level);
+    if (QV_LIKELY(entry != nullptr)) return {entry, level};
+    candidates ^= 1u << level;
+  }
+  return {nullptr, kFinestLevel};
+}
+
+template <class Wanted>
+QV_INLINE QV_RANGE_RECORD* FirstInChain(const QV_HASH_ENTRY& entry, Wanted wanted) {
+  const QV_RANGE_LINK* link = static_cast<const QV_RANGE_LINK*>(entry.data);
+  while (link != nullptr && !wanted(*link->record)) link = link->next;
+  return link != nullptr ? link->record : nullptr;
+}
+
+// The range that holds the address, or null. A record that no chain names is not compared.
+QV_INLINE QV_RANGE_RECORD* FindRange(const RangeTable& table, uint64_t address) {
+  const FoundBlock found = FindBlockAt(table, address, table.maxLevel);
+  if (found.entry == nullptr) return nullptr;
+  if (!HoldsChains(table, found.level)) return static_cast<QV_RANGE_RECORD*>(found.entry->data);
+  return FirstInChain(*found.entry, [address](const QV_RANGE_RECORD& record) {
+    return record.start <= address && address < record.end;
+  });
+}
+
+// ---- Changes ----------------------------------------------------------------------------------------
+
+void InsertRange(RangeTable& table, uint64_t start, uint64_t end, uint64_t item);
+// Takes the range with these bounds out of all its blocks.
+void RemoveRange(RangeTable& table, const Bounds& bounds, DeadRecords& dead);
+void RemoveAllRanges(RangeTable& table, DeadRecords& dead);
+// Removes the range and passes its item on, if destroyItem is not null.
+void RemoveAndBury(RangeTable& table, const Bounds& bounds, QV_RANGE_DESTROY_ITEM destroyItem);
+// The exported calls of these purposes; DestroySpan returns the extent cleared.
+uint64_t RemoveFirstRange(RangeTable& table, uint64_t low, uint64_t high);
+Bounds DestroySpan(RangeTable& table, uint64_t base, uint64_t length);
+
+// Walks the table: null if all is well, else what is wrong.
 const char* ValidateRangeTable(const QV_RANGE_TABLE& table);
 
 }  // namespace qv

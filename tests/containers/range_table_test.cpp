@@ -288,13 +288,16 @@ class RandomRun {
     ASSERT_SOUND(qv::ValidateRangeTable(*table_));
     ASSERT_EQ(g_destroyed, expectedDestroyed_);
     uint64_t bytes = model_.Bytes(chains_), large = 0;
-    bytes += ChunkBytes(sizeof(QV_RANGE_TABLE)) + ChunkBytes((table_->maxLevel - 3) * 8);
+    const uint64_t levels = table_->maxLevel - 3;
+    bytes += ChunkBytes(40 + 16 * levels) + ChunkBytes(8 * levels);  // with two words for each filter
     for (uint32_t level = 4; level <= table_->maxLevel; level++) {
       const QV_HASH_TABLE* const hash = table_->levels[level - 4];
       ASSERT_EQ(hash != nullptr, model_.LevelIsUsed(level)) << level;
       if (hash == nullptr) continue;
       const uint64_t buckets = ChunkBytes(uint64_t(hash->bucketCount) * sizeof(QV_HASH_BUCKET));
       (buckets > 2046 * 16 ? large : bytes) += buckets;
+      const uint64_t filter = ChunkBytes(uint64_t(hash->bucketCount) * 2);
+      (filter > 2046 * 16 ? large : bytes) += filter;
       bytes += ChunkBytes(sizeof(qv::HashTable));
     }
     ASSERT_EQ(BytesInUse(kCategory), bytes);

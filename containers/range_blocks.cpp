@@ -1,0 +1,272 @@
+// Range table: what changes it: blocks, the records behind them, ranges, the whole table.
+// Design: containers/range_table.h.
+#include <string.h>
+
+#include "containers/range_table.h"
+#include "memory/allocate.h"
+
+static_assert(sizeof(QV_RANGE_RECORD) == 48 && offsetof(QV_RANGE_RECORD, start) == 8 &&
+              offsetof(QV_RANGE_RECORD, end) == 16 && offsetof(QV_RANGE_RECORD, table) == 24);
+static_assert(offsetof(QV_RANGE_RECORD, item) == 32 && offsetof(QV_RANGE_RECORD, references) == 40);
+static_assert(sizeof(QV_RANGE_LINK) == 16 && offsetof(QV_RANGE_LINK, record) == 8);
+
+namespace qv {
+namespace {
+
+constexpr uint32_t kLevelTableFlags = QV_HASH_TABLE_NO_LOCKING | 0x4;
+
+void* AllocateFor(const RangeTable& table, uint32_t bytes) {
+  return Allocate(CategoryOf(table.flags), bytes, SlabShiftOf(table.flags));
+}
+
+// ---- Filters ----------------------------------------------------------------------------------------
+
+BlockFilter& FilterOf(RangeTable& table, uint32_t level) { return table.filters[level - kFinestLevel]; }
+
+void NoteBlock(const BlockFilter& filter, uint64_t address, uint32_t level) {
+  const BlockMark mark(address, level, filter.mask);
+  filter.words[mark.Word()] = uint16_t(filter.words[mark.Word()] | mark.Bits());
+}
+
+// A new filter of the size that the hash table has now, with all its blocks.
+void MakeFilter(const RangeTable& table, const HashTable& hash, uint32_t level, BlockFilter& filter) {
+  const uint32_t bytes = uint32_t(hash.bucketCount) * uint32_t{sizeof(uint16_t)};
+  filter.words = static_cast<uint16_t*>(Allocate(CategoryOf(table.flags), bytes));
+  filter.mask = uint64_t(hash.bucketCount - 1);
+  memset(filter.words, 0, bytes);
+  ForEachEntry(hash, [&](const QV_HASH_ENTRY& entry) { NoteBlock(filter, entry.key, level); });
+}
+
+QV_COLD void GrowFilterSlow(const RangeTable& table, const HashTable& hash, uint32_t level,
+                            BlockFilter& filter) {
+  uint16_t* const old = filter.words;
+  MakeFilter(table, hash, level, filter);
+  Release(old);
+}
+
+// The word of a block that has left, made again from what its bucket still holds.
+void ForgetBlock(const BlockFilter& filter, const HashTable& hash, uint64_t address, uint32_t level) {
+  const uint64_t word = BlockMark(address, level, filter.mask).Word();
+  uint32_t bits = 0;
+  for (const QV_HASH_ENTRY* entry = BucketOf(hash, address, level).head; entry != nullptr;
+       entry = entry->next) {
+    const BlockMark mark(entry->key, level, filter.mask);
+    if (mark.Word() == word) bits |= mark.Bits();
+  }
+  filter.words[word] = uint16_t(bits);
+}
+
+// ---- Blocks -----------------------------------------------------------------------------------------
+
+QV_COLD HashTable& MakeLevelSlow(RangeTable& table, uint32_t level) {
+  const uint32_t flags =
+      ContainerFlags(kLevelTableFlags, CategoryOf(table.flags), SlabShiftOf(table.flags));
+  HashTable* const hash =
+      CreateHashTable(flags, &qvShiftXorHashFunctions[level - kFinestLevel], 1, nullptr, nullptr);
+  MakeFilter(table, *hash, level, FilterOf(table, level));
+  table.levels[level - kFinestLevel] = hash;
+  table.usedLevels |= 1u << level;
+  return *hash;
+}
+
+HashTable& LevelTableMade(RangeTable& table, uint32_t level) {
+  HashTable* const hash = LevelTable(table, level);
+  return QV_LIKELY(hash != nullptr) ? *hash : MakeLevelSlow(table, level);
+}
+
+void AddBlock(RangeTable& table, HashTable& hash, uint64_t address, uint32_t level, void* data) {
+  BlockFilter& filter = FilterOf(table, level);
+  AddEntry(hash, address, data);
+  if (QV_UNLIKELY(filter.mask != uint64_t(hash.bucketCount - 1))) {
+    GrowFilterSlow(table, hash, level, filter);
+  } else {
+    NoteBlock(filter, address, level);
+  }
+}
+
+void RemoveBlock(RangeTable& table, uint32_t level, HashTable& hash, QV_HASH_ENTRY** at) {
+  const uint64_t address = (*at)->key;
+  CountEntryOut(hash);
+  RemoveEntry(hash, at);
+  ForgetBlock(FilterOf(table, level), hash, address, level);
+}
+
+void AddLink(QV_RANGE_LINK& first, QV_RANGE_LINK* link) {
+  link->next = first.next;
+  first.next = link;
+}
+
+QV_RANGE_LINK* NewLink(const RangeTable& table, RangeRecord* record) {
+  QV_RANGE_LINK* const link = static_cast<QV_RANGE_LINK*>(AllocateFor(table, sizeof(QV_RANGE_LINK)));
+  link->next = nullptr;
+  link->record = record;
+  return link;
+}
+
+// Has a block name the record; false if it names another, which it can only where no chain is.
+bool Register(RangeTable& table, HashTable& hash, uint64_t address, uint32_t level,
+              RangeRecord* record) {
+  const bool chains = HoldsChains(table, level);
+  const QV_HASH_ENTRY* const entry = FindBlock(hash, address, level);
+  if (entry != nullptr && !chains) return false;
+  if (entry != nullptr) {
+    AddLink(*static_cast<QV_RANGE_LINK*>(entry->data), NewLink(table, record));
+  } else if (chains) {
+    AddBlock(table, hash, address, level, NewLink(table, record));
+  } else {
+    AddBlock(table, hash, address, level, record);
+  }
+  return true;
+}
+
+// Takes the first link of a range with these bounds out of the chain; its record, or null.
+RangeRecord* TakeLink(QV_RANGE_LINK*& first, const Bounds& bounds) {
+  QV_RANGE_LINK** at = &first;
+  while (*at != nullptr && !bounds.Are(*(*at)->record)) at = &(*at)->next;
+  QV_RANGE_LINK* const link = *at;
+  if (link == nullptr) return nullptr;
+  RangeRecord* const record = static_cast<RangeRecord*>(link->record);
+  *at = link->next;
+  Release(link);
+  return record;
+}
+
+// Has the block no longer name a range with these bounds; its record, or null if it did not.
+RangeRecord* Unregister(RangeTable& table, uint32_t level, HashTable& hash, QV_HASH_ENTRY** at,
+                        const Bounds& bounds) {
+  QV_HASH_ENTRY* const entry = *at;
+  if (!HoldsChains(table, level)) {
+    RangeRecord* const record = static_cast<RangeRecord*>(entry->data);
+    if (!bounds.Are(*record)) return nullptr;
+    RemoveBlock(table, level, hash, at);
+    return record;
+  }
+  QV_RANGE_LINK* first = static_cast<QV_RANGE_LINK*>(entry->data);
+  RangeRecord* const record = TakeLink(first, bounds);
+  entry->data = first;
+  if (first == nullptr) RemoveBlock(table, level, hash, at);
+  return record;
+}
+
+// ---- Records ----------------------------------------------------------------------------------------
+
+RangeRecord* NewRecord(RangeTable& table, uint64_t start, uint64_t end, uint64_t item) {
+  RangeRecord* const record = static_cast<RangeRecord*>(AllocateFor(table, sizeof(RangeRecord)));
+  record->marker = QV_RANGE_RECORD_MARKER;
+  record->start = start;
+  record->end = end;
+  record->table = &table;
+  record->item = item;
+  record->references = 0;
+  return record;
+}
+
+// ---- Removal ----------------------------------------------------------------------------------------
+
+void RemoveFrom(RangeTable& table, HashTable& hash, uint64_t address, uint32_t level,
+                const Bounds& bounds, DeadRecords& dead) {
+  QV_HASH_ENTRY** const at = FindPlainLink(BucketOf(hash, address, level), address);
+  if (*at != nullptr) dead.Drop(Unregister(table, level, hash, at, bounds));
+}
+
+// More blocks than their table has entries: bounds that were never inserted, and may take years to look
+// up block by block. Every entry is looked at instead.
+void RemoveEntriesSlow(RangeTable& table, HashTable& hash, const BlockRun& run,
+                       const Bounds& bounds, DeadRecords& dead) {
+  const uint64_t last = run.address + (run.count - 1) * BlockBytes(run.level);
+  for (int32_t i = 0; i < hash.bucketCount; i++) {
+    QV_HASH_ENTRY** at = &hash.buckets[i].head;
+    while (QV_HASH_ENTRY* const entry = *at) {
+      const bool meets = entry->key >= run.address && entry->key <= last;
+      if (meets) dead.Drop(Unregister(table, run.level, hash, at, bounds));
+      if (*at == entry) at = &entry->next;
+    }
+  }
+}
+
+void EmptyBlock(const RangeTable& table, uint32_t level, void* data, DeadRecords& dead) {
+  if (!HoldsChains(table, level)) return dead.Drop(static_cast<RangeRecord*>(data));
+  QV_RANGE_LINK* next;
+  for (QV_RANGE_LINK* link = static_cast<QV_RANGE_LINK*>(data); link != nullptr; link = next) {
+    next = link->next;
+    dead.Drop(static_cast<RangeRecord*>(link->record));
+    Release(link);
+  }
+}
+
+void EmptyLevel(RangeTable& table, HashTable& hash, uint32_t level, DeadRecords& dead) {
+  for (int32_t i = 0; i < hash.bucketCount; i++) {
+    QV_HASH_BUCKET& bucket = hash.buckets[i];
+    while (bucket.head != nullptr) {
+      CountEntryOut(hash);
+      EmptyBlock(table, level, RemoveEntry(hash, &bucket.head), dead);
+    }
+  }
+  const BlockFilter& filter = FilterOf(table, level);
+  memset(filter.words, 0, (filter.mask + 1) * sizeof(uint16_t));
+}
+
+}  // namespace
+
+void DeadRecords::Drop(RangeRecord* record) {
+  if (record == nullptr || --record->references != 0) return;
+  record->nextDead = nullptr;
+  *last_ = record;
+  last_ = &record->nextDead;
+}
+
+void DeadRecords::Bury(QV_RANGE_DESTROY_ITEM destroyItem) {
+  for (RangeRecord* record = first_; record != nullptr;) {
+    RangeRecord* const next = record->nextDead;
+    const uint64_t item = record->item;
+    Release(record);
+    if (destroyItem != nullptr) destroyItem(item);
+    record = next;
+  }
+}
+
+// ---- Ranges -----------------------------------------------------------------------------------------
+
+void InsertRange(RangeTable& table, uint64_t start, uint64_t end, uint64_t item) {
+  RangeRecord* const record = NewRecord(table, start, end, item);
+  BlockWalk walk(start, end, table.maxLevel);
+  BlockRun run;
+  while (walk.Next(run)) {
+    HashTable& hash = LevelTableMade(table, run.level);
+    for (uint64_t i = 0; i < run.count; i++) {
+      const uint64_t address = run.address + i * BlockBytes(run.level);
+      record->references += Register(table, hash, address, run.level, record);
+    }
+  }
+  if (record->references == 0) Release(record);
+}
+
+void RemoveRange(RangeTable& table, const Bounds& bounds, DeadRecords& dead) {
+  BlockWalk walk(bounds.start, bounds.end, table.maxLevel);
+  BlockRun run;
+  while (walk.Next(run)) {
+    HashTable* const hash = LevelTable(table, run.level);
+    if (hash == nullptr) continue;
+    if (run.count > uint64_t(hash->count) && run.count > 1) {
+      RemoveEntriesSlow(table, *hash, run, bounds, dead);
+      continue;
+    }
+    for (uint64_t i = 0; i < run.count; i++) {
+      RemoveFrom(table, *hash, run.address + i * BlockBytes(run.level), run.level, bounds, dead);
+    }
+  }
+}
+
+void RemoveAndBury(RangeTable& table, const Bounds& bounds, QV_RANGE_DESTROY_ITEM destroyItem) {
+  DeadRecords dead;
+  RemoveRange(table, bounds, dead);
+  dead.Bury(destroyItem);
+}
+
+void RemoveAllRanges(RangeTable& table, DeadRecords& dead) {
+  for (uint32_t level = kFinestLevel; level <= table.maxLevel; level++) {
+    if (HashTable* const hash = LevelTable(table, level)) EmptyLevel(table, *hash, level, dead);
+  }
+}
+
+}  // namespace qv

@@ -1,0 +1,102 @@
+// Range table: the validator. Design: containers/range_table.h.
+#include "containers/range_table.h"
+
+namespace qv {
+namespace {
+
+bool Names(const RangeTable& table, uint32_t level, const void* data, const QV_RANGE_RECORD& record) {
+  if (!HoldsChains(table, level)) return data == &record;
+  const QV_RANGE_LINK* link = static_cast<const QV_RANGE_LINK*>(data);
+  while (link != nullptr && link->record != &record) link = link->next;
+  return link != nullptr;
+}
+
+// Counts the blocks of the record's range that name it; sets `meets` if one of them is the block given.
+uint32_t CountNames(const RangeTable& table, const QV_RANGE_RECORD& record, uint64_t address,
+                    uint32_t level, bool& meets) {
+  BlockWalk walk(record.start, record.end, table.maxLevel);
+  BlockRun run;
+  uint32_t names = 0;
+  while (walk.Next(run)) {
+    const HashTable* const hash = LevelTable(table, run.level);
+    for (uint64_t i = 0; hash != nullptr && i < run.count; i++) {
+      const uint64_t block = run.address + i * BlockBytes(run.level);
+      const QV_HASH_ENTRY* const entry = FindBlock(*hash, block, run.level);
+      if (entry == nullptr || !Names(table, run.level, entry->data, record)) continue;
+      names++;
+      meets |= block == address && run.level == level;
+    }
+  }
+  return names;
+}
+
+const char* ValidateRecord(const RangeTable& table, const QV_RANGE_RECORD* record, uint64_t address,
+                           uint32_t level) {
+  if (record == nullptr || record->marker != QV_RANGE_RECORD_MARKER) return "a record has no marker";
+  if (record->table != &table) return "a record is of another table";
+  bool meets = false;
+  if (CountNames(table, *record, address, level, meets) != record->references) return "references";
+  return meets ? nullptr : "a block names a range that it is no block of";
+}
+
+const char* ValidateBlock(const RangeTable& table, const QV_HASH_ENTRY& entry, uint32_t level) {
+  if (RoundDown(entry.key, level) != entry.key) return "a block is not aligned to its size";
+  if (!HoldsChains(table, level)) {
+    return ValidateRecord(table, static_cast<const QV_RANGE_RECORD*>(entry.data), entry.key, level);
+  }
+  const QV_RANGE_LINK* link = static_cast<const QV_RANGE_LINK*>(entry.data);
+  if (link == nullptr) return "a block has an empty chain";
+  const char* wrong = nullptr;
+  for (; link != nullptr && wrong == nullptr; link = link->next) {
+    wrong = ValidateRecord(table, link->record, entry.key, level);
+  }
+  return wrong;
+}
+
+// How many bits of the entry's mark no later entry of its chain has: over a chain, the bits of its words.
+uint64_t CountFirstUses(const BlockFilter& filter, const QV_HASH_ENTRY& entry, uint32_t level) {
+  const BlockMark mark(entry.key, level, filter.mask);
+  uint32_t bits = mark.Bits();
+  for (const QV_HASH_ENTRY* later = entry.next; later != nullptr; later = later->next) {
+    const BlockMark other(later->key, level, filter.mask);
+    if (other.Word() == mark.Word()) bits &= ~other.Bits();
+  }
+  return uint64_t(__builtin_popcount(bits));
+}
+
+// Every bit of the filter comes from a block, and every block has its bits.
+const char* ValidateFilter(const RangeTable& table, const HashTable& hash, uint32_t level) {
+  const BlockFilter& filter = table.filters[level - kFinestLevel];
+  if (filter.mask != uint64_t(hash.bucketCount - 1)) return "a filter is of another size";
+  const char* wrong = nullptr;
+  uint64_t noted = 0, present = 0;
+  for (uint64_t i = 0; i <= filter.mask; i++) noted += uint64_t(__builtin_popcount(filter.words[i]));
+  ForEachEntry(hash, [&](const QV_HASH_ENTRY& entry) {
+    const BlockMark mark(entry.key, level, filter.mask);
+    if (!mark.IsIn(filter.words[mark.Word()])) wrong = "a filter does not know a block";
+    present += CountFirstUses(filter, entry, level);
+  });
+  if (wrong == nullptr && noted != present) wrong = "a filter has bits of no block";
+  return wrong;
+}
+
+}  // namespace
+
+const char* ValidateRangeTable(const QV_RANGE_TABLE& publicTable) {
+  const RangeTable& table = Own(publicTable);
+  if (table.minLevel != kFinestLevel || table.maxLevel > kCoarsestLevel) return "levels";
+  for (uint32_t level = kFinestLevel; level <= table.maxLevel; level++) {
+    const HashTable* const hash = LevelTable(table, level);
+    if ((hash != nullptr) != ((table.usedLevels >> level & 1) != 0)) return "used levels";
+    if (hash == nullptr) continue;
+    const char* wrong = ValidateHashTable(*hash);
+    if (wrong == nullptr) wrong = ValidateFilter(table, *hash, level);
+    ForEachEntry(*hash, [&](const QV_HASH_ENTRY& entry) {
+      if (wrong == nullptr) wrong = ValidateBlock(table, entry, level);
+    });
+    if (wrong != nullptr) return wrong;
+  }
+  return nullptr;
+}
+
+}  // namespace qv
