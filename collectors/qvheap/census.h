@@ -29,6 +29,8 @@
 #pragma once
 
 #include <errno.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include "collectors/qvheap/sizes.h"
 #include "collectors/qvheap/words.h"
@@ -69,26 +71,34 @@ inline constexpr int64_t kSettleBytes = 8192;
 
 extern int64_t g_settledLive;
 extern QV_SPIN_LOCK g_censusLock;
-extern thread_local ThreadRecord* t_counting;
-extern thread_local ThreadRecord* t_record;
-extern thread_local bool t_inside;
+extern constinit thread_local ThreadRecord* t_counting;
+extern constinit thread_local ThreadRecord* t_record;
+extern constinit thread_local bool t_inside;
 
-// While it lives, the calling thread is inside the collector (2). errno is the program's.
+// While it lives, the calling thread is inside the collector (2), and no signal handler of the program
+// runs on it: one that calls exit must not find our locks taken. errno is the program's.
 class Inside : NonCopyable {
  public:
   Inside() : nested_(t_inside), errno_(errno) {
+    if (nested_) return;
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &signals_);
     t_inside = true;
     t_counting = nullptr;
   }
   ~Inside() {
-    t_inside = nested_;
-    if (!nested_) t_counting = t_record;
     errno = errno_;
+    if (nested_) return;
+    t_inside = false;
+    t_counting = t_record;
+    pthread_sigmask(SIG_SETMASK, &signals_, nullptr);
   }
 
  private:
   const bool nested_;
   const int errno_;
+  sigset_t signals_;
 };
 
 // The record of a thread that has none in t_counting: null if the thread is inside the collector. The

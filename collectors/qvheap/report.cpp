@@ -26,21 +26,14 @@ const char* PathLocked(const char* prefix) {
   return g_path;
 }
 
-// Writing may raise signals (a closed pipe, a full quota), and the program's handlers must not run in
-// the middle of a report: all are blocked, and what the report itself raised is taken away before they
-// are not.
-class Quiet : NonCopyable {
+// Writing may raise signals (a closed pipe, a full quota). They are blocked while we are inside; what
+// the report itself raised is taken away before they are not.
+class RaisedSignals : NonCopyable {
  public:
-  Quiet() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &former_);
-    sigpending(&pendingBefore_);
-  }
-  ~Quiet() {
+  RaisedSignals() { sigpending(&pendingBefore_); }
+  ~RaisedSignals() {
     Take(SIGPIPE);
     Take(SIGXFSZ);
-    pthread_sigmask(SIG_SETMASK, &former_, nullptr);
   }
 
  private:
@@ -53,7 +46,6 @@ class Quiet : NonCopyable {
     sigtimedwait(&one, nullptr, &now);
   }
 
-  sigset_t former_;
   sigset_t pendingBefore_;
 };
 
@@ -191,12 +183,12 @@ void LogOutcomeLocked(bool written, int error) {
 }  // namespace
 
 void BeginLogLocked() {
-  const Quiet quiet;
+  const RaisedSignals raised;
   WriteLogHeadLocked(PathLocked("qvlog"));
 }
 
 void ReportOnce() {
-  const Quiet quiet;
+  const RaisedSignals raised;
   const SpinGuard guard(g_censusLock);
   if (g_reported) return;
   g_reported = true;

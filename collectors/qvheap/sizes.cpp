@@ -1,6 +1,8 @@
 // The sizes of live blocks: making the tables. Design: collectors/qvheap/sizes.h.
 #include "collectors/qvheap/sizes.h"
 
+#include <string.h>
+
 #include "collectors/qvheap/census.h"
 
 namespace qvheap {

@@ -24,8 +24,6 @@
 //  again.
 #pragma once
 
-#include <string.h>
-
 #include "collectors/qvheap/words.h"
 
 namespace qvheap {
@@ -38,6 +36,7 @@ inline constexpr uint32_t kLeavesPerMiddle = 1 << (kMiddleShift - kLeafShift);
 inline constexpr uint32_t kCodesPerLeaf = 1 << (kLeafShift - kGranuleShift);
 inline constexpr uint64_t kLargestShortSize = 247;
 inline constexpr uint8_t kLongCode = 255;
+inline constexpr uint64_t kUnknownSize = ~uint64_t{0};
 
 struct Leaf {
   Leaf* next;  // of all leaves in use, or of all stale ones
@@ -69,6 +68,11 @@ QVHEAP_INLINE uint8_t* FindCode(const void* block) {
   return &leaf->codes[(address >> kGranuleShift) % kCodesPerLeaf];
 }
 
+struct __attribute__((packed, may_alias)) LongCode {
+  uint8_t mark;  // kLongCode
+  uint64_t bytes;
+};
+
 // False if the size could not be kept.
 QVHEAP_INLINE bool KeepSize(const void* block, uint64_t bytes) {
   uint8_t* code = FindCode(block);
@@ -79,24 +83,22 @@ QVHEAP_INLINE bool KeepSize(const void* block, uint64_t bytes) {
   if (QVHEAP_LIKELY(bytes <= kLargestShortSize)) {
     *code = uint8_t(bytes + 1);
   } else {
-    *code = kLongCode;
-    memcpy(code + 1, &bytes, sizeof bytes);
+    *reinterpret_cast<LongCode*>(code) = {kLongCode, bytes};
   }
   return true;
 }
 
-// Forgets the block; false if we do not know it.
-QVHEAP_INLINE bool TakeSize(const void* block, uint64_t& bytes) {
+// Forgets the block; kUnknownSize if we do not know it.
+QVHEAP_INLINE uint64_t TakeSize(const void* block) {
   uint8_t* const code = FindCode(block);
-  if (QVHEAP_UNLIKELY(code == nullptr || *code == 0)) return false;
-  if (QVHEAP_LIKELY(*code != kLongCode)) {
-    bytes = uint64_t{*code} - 1;
-    *code = 0;
-  } else {
-    memcpy(&bytes, code + 1, sizeof bytes);
-    memset(code, 0, 1 + sizeof bytes);
-  }
-  return true;
+  if (QVHEAP_UNLIKELY(code == nullptr || *code == 0)) return kUnknownSize;
+  const uint8_t found = *code;
+  *code = 0;
+  if (QVHEAP_LIKELY(found != kLongCode)) return uint64_t{found} - 1;
+  LongCode* const longCode = reinterpret_cast<LongCode*>(code);
+  const uint64_t bytes = longCode->bytes;
+  longCode->bytes = 0;
+  return bytes;
 }
 
 }  // namespace qvheap

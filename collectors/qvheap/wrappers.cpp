@@ -43,14 +43,24 @@ QVHEAP_COLD void* AllocateInside(size_t bytes) {
   return g_real.calloc(1, bytes);
 }
 
-// A block that the table does not know. True if it was the arena's and is dealt with.
-QVHEAP_COLD bool FreeUnknown(void* block) {
-  if (IsInArena(block)) {
-    ArenaFree(block);
-    return true;
-  }
-  if (!t_inside) Add(t_record->counts.figures[kUnknownReleases], 1);
-  return false;
+QVHEAP_COLD void FreeInArena(void* block) {
+  const Inside inside;
+  ArenaFree(block);
+}
+
+// libc releases something of its own on the collector's behalf. It may be the program's all the same,
+// made when libc worked for the program.
+QVHEAP_COLD void FreeInside(void* block) {
+  if (IsInArena(block)) return FreeInArena(block);
+  const uint64_t bytes = TakeSize(block);
+  if (bytes != kUnknownSize && t_record != nullptr) CountRelease(*t_record, bytes);
+  g_real.free(block);
+}
+
+QVHEAP_COLD void FreeUnknown(ThreadRecord& me, void* block) {
+  if (IsInArena(block)) return FreeInArena(block);
+  Add(me.counts.figures[kUnknownReleases], 1);
+  g_real.free(block);
 }
 
 QVHEAP_COLD void* ReallocateInArena(void* block, size_t bytes) {
@@ -58,7 +68,7 @@ QVHEAP_COLD void* ReallocateInArena(void* block, size_t bytes) {
   if (fresh == nullptr) return nullptr;
   const size_t former = ArenaBytesOf(block);
   memcpy(fresh, block, former < bytes ? former : bytes);
-  ArenaFree(block);
+  FreeInArena(block);
   return fresh;
 }
 
@@ -67,23 +77,20 @@ QVHEAP_COLD void* ReallocateInArena(void* block, size_t bytes) {
 QVHEAP_COLD void* ReallocateInside(void* block, size_t bytes) {
   if (block == nullptr) return AllocateInside(bytes);
   if (IsInArena(block)) return ReallocateInArena(block, bytes);
-  uint64_t former = 0;
-  const bool known = TakeSize(block, former);
+  const uint64_t former = TakeSize(block);
   void* const moved = g_real.realloc(block, bytes);
-  if (known && moved != nullptr) KeepSize(moved, former);  // the figures stay as they are
+  if (former != kUnknownSize && moved != nullptr) KeepSize(moved, former);  // the figures stay
   return moved;
 }
 
-// What `former`, known or not, was resized to.
-QVHEAP_INLINE void NoteReallocation(ThreadRecord& me, bool known, uint64_t former, void* moved,
-                                    uint64_t bytes) {
-  if (QVHEAP_LIKELY(known)) {
+// A block of `former` bytes, known or not, became one of `bytes` bytes, or nothing.
+QVHEAP_INLINE void NoteReallocation(ThreadRecord& me, uint64_t former, void* moved, uint64_t bytes) {
+  if (QVHEAP_LIKELY(former != kUnknownSize)) {
     CountReleaseOnly(me, former);
   } else {
     Add(me.counts.figures[kUnknownReleases], 1);
   }
-  if (moved == nullptr)
-    return SettleIfFar(me, BalanceOf(me.counts) - me.settled);  // resized to nothing
+  if (moved == nullptr) return SettleIfFar(me, BalanceOf(me.counts) - me.settled);
   Add(me.counts.figures[kReallocations], 1);
   Note(me, moved, bytes);
 }
@@ -92,16 +99,16 @@ QVHEAP_INLINE void* Reallocate(void* block, size_t bytes) {
   if (block == nullptr) return malloc(bytes);
   ThreadRecord* const me = Enter();
   if (QVHEAP_UNLIKELY(me == nullptr)) return ReallocateInside(block, bytes);
-  uint64_t former = 0;
-  const bool known = TakeSize(block, former);
-  if (QVHEAP_UNLIKELY(!known && IsInArena(block))) return ReallocateInArena(block, bytes);
+  const uint64_t former = TakeSize(block);
+  if (QVHEAP_UNLIKELY(former == kUnknownSize && IsInArena(block)))
+    return ReallocateInArena(block, bytes);
   void* const moved = g_real.realloc(block, bytes);
   if (QVHEAP_UNLIKELY(moved == nullptr && bytes != 0)) {
     Add(me->counts.figures[kFailedRequests], 1);
-    if (known) KeepSize(block, former);  // it is still there
+    if (former != kUnknownSize) KeepSize(block, former);  // it is still there
     return nullptr;
   }
-  NoteReallocation(*me, known, former, moved, bytes);
+  NoteReallocation(*me, former, moved, bytes);
   return moved;
 }
 
@@ -136,13 +143,10 @@ QVHEAP_EXPORT void* calloc(size_t count, size_t bytes) noexcept {
 QVHEAP_EXPORT void free(void* block) noexcept {
   if (block == nullptr) return;
   ThreadRecord* const me = Enter();
-  uint64_t bytes;
-  if (QVHEAP_LIKELY(TakeSize(block, bytes))) {
-    ThreadRecord* const mine = QVHEAP_LIKELY(me != nullptr) ? me : t_record;
-    if (QVHEAP_LIKELY(mine != nullptr)) CountRelease(*mine, bytes);
-  } else if (FreeUnknown(block)) {
-    return;
-  }
+  if (QVHEAP_UNLIKELY(me == nullptr)) return FreeInside(block);
+  const uint64_t bytes = TakeSize(block);
+  if (QVHEAP_UNLIKELY(bytes == kUnknownSize)) return FreeUnknown(*me, block);
+  CountRelease(*me, bytes);
   g_real.free(block);
 }
 
