@@ -22,9 +22,10 @@
  *   - Nothing is async-signal-safe, except the atomics and the bit scans.
  *
  * After fork() in a process with several threads, a lock that another thread held stays held in the
- * child for ever. Safe in such a child: the atomics, the hooks, __QvXMLCleanupAfterFork, _exit and
- * exec. Everything that locks (allocation, the log, containers with locks) is safe only if the parent
- * made sure that no other thread was inside it, as a collector does with pthread_atfork. */
+ * child for ever. Safe in such a child: the atomics, the hooks, _exit and exec. Everything that locks
+ * (allocation and release, hence __QvXMLCleanupAfterFork too; the log; containers with locks) is safe
+ * only if the parent made sure that no other thread was inside it, as a collector does with
+ * pthread_atfork. */
 #ifndef QVRT_H
 #define QVRT_H
 
