@@ -11,8 +11,7 @@
 //  (3) Once the last release has completed, state, owner and recursionCount are all 0.
 //  (4) Identity 0 (no hook) never writes: it waits until no identified thread holds the lock and
 //      passes. Were it to count, a count would stay behind that no holder could undo.
-//  (5) A brief hold, one of a scope that calls nothing, moves `state` alone: nobody can ask who holds
-//  the
+//  (5) A brief hold, one of a scope that calls nothing, moves `state` alone: nobody can ask who holds the
 //      lock, so it asks for no identity and serves identity 0 as well. Before it calls out it becomes a
 //      hold with an owner.
 // Ordering: each exchange is a full barrier, so `owner` needs no order of its own; the relaxed access
