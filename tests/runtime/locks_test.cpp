@@ -192,7 +192,7 @@ TEST(Locks, VisitedBeforeTheThreadIdHookTheyWorkAfterwards) {
 namespace {
 
 constexpr int kThreads = 4;
-constexpr uint32_t kRounds = 10000;
+constexpr uint32_t kRounds = 5000;
 
 // Quick, so that threads meet at the lock rather than at their own random numbers.
 struct Random {
@@ -255,15 +255,14 @@ void CheckExclusion(uint32_t spinCount, int32_t processors) {
 
 // Faults: two inside at once, a nested hold that frees too early, a lost release.
 TEST(Locks, FourThreadsExcludeOneAnother) {
-  for (const int32_t processors : {1, 2}) {
-    for (const uint32_t spinCount : {0u, 1u, 500u}) {
-      const ChildResult child = RunChild([=] {
-        UseThreadIds();
-        CheckExclusion<Spin>(spinCount, processors);
-        CheckExclusion<Exclusive>(spinCount, processors);
-      });
-      ASSERT_TRUE(child.Ok()) << spinCount << " " << processors << "\n" << child.err;
-    }
+  for (const uint32_t spinCount : {0u, 1u, 500u}) {
+    const ChildResult child = RunChild([=] {
+      UseThreadIds();
+      const int32_t processors = spinCount == 1 ? 1 : 2;
+      CheckExclusion<Spin>(spinCount, processors);
+      CheckExclusion<Exclusive>(spinCount, processors);
+    });
+    ASSERT_TRUE(child.Ok()) << spinCount << "\n" << child.err;
   }
 }
 
