@@ -295,6 +295,19 @@ TEST_F(RedBlackTree, ValidationFindsDamageAndOnlyThat) {
   RemoveKey(tree, 1);  // 4b(2b(. 3r) 5b(. 6r)): the root has no red child any more
   expect(1, four->color, uint32_t{QV_RB_RED}, "the colour of the root");
   __QvDestroyRedBlackTree(tree);
+
+  // A list hanging down on the left, all black: deeper than the stack is.
+  Tree* const list = NewTree({});
+  for (uint64_t key = 0; key < 300000; key++) __QvInsertRedBlackEntry(list, key, key);
+  Node* const last = __QvGetRedBlackRangeEnd(list, kLast);
+  for (Node* node = last; node != list->nil; node = node->prev) {
+    node->left = node->prev;
+    node->right = list->nil;
+    node->color = QV_RB_BLACK;
+  }
+  list->root = last;
+  EXPECT_EQ(__QvValidateRedBlack(list), 0u);
+  __QvDestroyRedBlackTree(list);
 }
 
 Tree* g_tree = nullptr;
