@@ -20,7 +20,6 @@ bool FormatOptions(const Options& options, char* text, uint32_t sizeBytes) {
 }
 
 bool ParseOptions(const char* text, Options& options) {
-  options = {};
   if (getcwd(options.directory, sizeof options.directory) == nullptr) strcpy(options.directory, "/");
   if (text == nullptr) return true;
   int quiet = 0, pid = 0, end = 0;

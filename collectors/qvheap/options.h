@@ -25,7 +25,8 @@ struct Options {
 
 // The text of the variable; false if it does not fit.
 bool FormatOptions(const Options& options, char* text, uint32_t sizeBytes);
-// Null text gives the defaults. False if it is not of the form above; then the defaults hold too.
+// Into options as they were made. Null text leaves the defaults, with the current directory; so does text
+// that is not of the form above, with the result false.
 bool ParseOptions(const char* text, Options& options);
 
 }  // namespace qvheap
