@@ -41,8 +41,12 @@ class Controller {
     CHECK(semaphore_ != -1);
   }
   ~Controller() {
-    shmdt(area_);
+    Detach();
     close(file_);
+  }
+  void Detach() {
+    if (area_ != nullptr) shmdt(area_);
+    area_ = nullptr;
   }
   uint32_t Ready() const {
     return __atomic_load_n(reinterpret_cast<uint32_t*>(area_), __ATOMIC_ACQUIRE);
@@ -102,10 +106,12 @@ void Await(Condition condition) {
   }
 }
 
-void CheckNothingIsLeft(int segment, int semaphore) {
+// A removed segment goes when the last process has detached.
+void CheckNothingIsLeft(Controller& controller) {
+  controller.Detach();
   shmid_ds info;
-  CHECK_EQ(shmctl(segment, IPC_STAT, &info), -1);
-  CHECK_EQ(semctl(semaphore, 0, GETVAL), -1);
+  CHECK_EQ(shmctl(controller.SegmentId(), IPC_STAT, &info), -1);
+  CHECK_EQ(semctl(controller.SemaphoreId(), 0, GETVAL), -1);
   CHECK_EQ(access("obkcmds.dat", F_OK), -1);
 }
 
@@ -183,7 +189,7 @@ TEST(CommandChannel, HostileAreasMakeNoWorkerFail) {
     });
     __QvShutdownCommandHandler();
     __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
-    CheckNothingIsLeft(controller.SegmentId(), controller.SemaphoreId());
+    CheckNothingIsLeft(controller);
     CHECK_EQ(theCommandHandler.processCommands(), -1);
     CHECK_EQ(theCommandHandler.processHeartbeat(), -1);
   });
@@ -253,7 +259,7 @@ TEST(CommandChannel, TheWorkerIsHeldUntilSetUpIsOver) {
     Await([&] { return delivered.Count() > 0; });
     __QvShutdownCommandHandler();
     __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
-    CheckNothingIsLeft(controller.SegmentId(), controller.SemaphoreId());
+    CheckNothingIsLeft(controller);
   });
   EXPECT_TRUE(child.Ok()) << child.status << child.err;
 }

@@ -78,7 +78,8 @@ TEST(Fopen, FailsCleanly) {
   EXPECT_TRUE(missing.Ok()) << missing.err;
   for (rlim_t limit = 0; limit <= 4; limit++) {
     const ChildResult child = RunChild([limit] {
-      int report = dup2(STDERR_FILENO, 200);
+      close_range(3, ~0u, 0);  // what the test program was started with
+      const int report = dup2(STDERR_FILENO, 200);
       CloseStandard(7);
       SetDescriptorLimit(limit);
       int error = 0;
