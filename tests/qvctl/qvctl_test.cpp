@@ -150,11 +150,12 @@ TEST_F(Qvctl, EveryStateHasItsExitStatusAndMessage) {
     usleep(1000);
   EXPECT_EQ(Output(), "up\n7 16 " + std::string(4352, 'p') + "\n-3 0 from a file\n");
 
-  EXPECT_EQ(Ctl("send 2").status, 0);  // slow from now on: the next ones stay
+  EXPECT_EQ(Ctl("send 2").status, 0);  // busy from now on: the next ones stay
   EXPECT_EQ(Ctl("wait").status, 0);
   for (int i = 0; i < 5; i++) EXPECT_EQ(Ctl("send " + std::to_string(20 + i)).status, 0);
   EXPECT_EQ(Ctl("send 9 --timeout 0.1").status, 6);
   EXPECT_EQ(Ctl("wait --timeout 0.1").status, 7);
+  std::ofstream(folder_ + "/go") << "on";
   EXPECT_EQ(Ctl("send 9 --timeout 30").status, 0);
   EXPECT_EQ(Ctl("wait").status, 0);
 

@@ -1,5 +1,6 @@
 // A tool for the tests of qvctl: opens a channel in DIR and writes each command it is given as a line
-// "code a2 payload" to standard output. Code 1 ends it in good order, code 2 makes it slow.
+// "code a2 payload" to standard output. Code 1 ends it in good order, code 2
+// keeps it busy until there is a file "go" in DIR.
 //
 //   qvctl_test_tool DIR [die-at STEP]    killed at the n-th system call of set-up that is counted below;
 //                                        ends in good order if set-up has fewer
@@ -14,6 +15,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <string>
 
 #include "host/qvhost.h"
 #include "include/qvrt.h"
@@ -21,6 +23,7 @@
 namespace {
 
 std::atomic<bool> g_end = false;
+std::string g_go;
 int g_dieAt = -1;
 
 // Counts the steps of set-up as the library makes them; kills this process, as from outside, at one.
@@ -31,7 +34,7 @@ void Step() {
 void OnCommand(int code, int a2, int, int, int, unsigned char* payload, void*) {
   printf("%d %d %s\n", code, a2, reinterpret_cast<char*>(payload));
   fflush(stdout);
-  if (code == 2) sleep(2);
+  while (code == 2 && access(g_go.c_str(), F_OK) != 0) usleep(1000);
   if (code == 1) g_end = true;
 }
 
@@ -69,6 +72,7 @@ int main(int argc, char** argv) {
   const bool toDie = argc > 3 && strcmp(argv[2], "die-at") == 0;
   if (toDie) g_dieAt = atoi(argv[3]);
   QvHostInstall();
+  g_go = std::string(argv[1]) + "/go";
   if (__QvRegisterCommandHandler(argv[1], OnCommand, nullptr) == 0) return 3;
   puts("up");
   fflush(stdout);
