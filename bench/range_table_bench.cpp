@@ -42,7 +42,9 @@ class Qv {
     __QvScanAndEmptyRangeTable(table_);
     __QvDestroyRangeTable(table_);
   }
-  void Put(const Range& range) { __QvInsertRangeTableEntry(table_, range.start, range.end, range.start); }
+  void Put(const Range& range) {
+    __QvInsertRangeTableEntry(table_, range.start, range.end, range.start);
+  }
   uint64_t Get(uint64_t address) {
     uint64_t start, end;
     return __QvLookupRangeTable(table_, address, &start, &end);
@@ -134,7 +136,9 @@ void FillAndEmpty(benchmark::State& state) {
 template <class Side>
 void AddSide(const char* who) {
   const std::pair<const char*, void (*)(benchmark::State&)> bodies[] = {
-      {"range_hit", Hit<Side>}, {"range_miss", Miss<Side>}, {"range_fill_and_empty", FillAndEmpty<Side>}};
+      {"range_hit", Hit<Side>},
+      {"range_miss", Miss<Side>},
+      {"range_fill_and_empty", FillAndEmpty<Side>}};
   for (const auto& [group, body] : bodies) {
     benchmark::internal::Benchmark* const added = qvbench::Add(group, who, body);
     for (const int64_t count : {100, 1000, 10000, 100000, 1000000}) {

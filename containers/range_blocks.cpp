@@ -171,8 +171,8 @@ void RemoveFrom(RangeTable& table, HashTable& hash, uint64_t address, uint32_t l
 
 // More blocks than their table has entries: bounds that were never inserted, and may take years to look
 // up block by block. Every entry is looked at instead.
-void RemoveEntriesSlow(RangeTable& table, HashTable& hash, const BlockRun& run,
-                       const Bounds& bounds, DeadRecords& dead) {
+void RemoveEntriesSlow(RangeTable& table, HashTable& hash, const BlockRun& run, const Bounds& bounds,
+                       DeadRecords& dead) {
   const uint64_t last = run.address + (run.count - 1) * BlockBytes(run.level);
   for (int32_t i = 0; i < hash.bucketCount; i++) {
     QV_HASH_ENTRY** at = &hash.buckets[i].head;

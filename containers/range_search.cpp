@@ -85,7 +85,7 @@ void DestroyInside(RangeTable& table, uint64_t low, uint64_t high) {
 
 // The range that holds the address is destroyed, its bounds returned; 0 and 0 if there is none, or one
 // that starts at 0.
-Bounds DestroyRangeAt( RangeTable& table, uint64_t address) {
+Bounds DestroyRangeAt(RangeTable& table, uint64_t address) {
   const QV_RANGE_RECORD* const record = FindRange(table, address);
   if (record == nullptr || record->start == 0) return {0, 0};
   const Bounds bounds = {record->start, record->end};
@@ -106,7 +106,7 @@ uint64_t RemoveFirstRange(RangeTable& table, uint64_t low, uint64_t high) {
   return 0;
 }
 
-Bounds DestroySpan( RangeTable& table, uint64_t base, uint64_t length) {
+Bounds DestroySpan(RangeTable& table, uint64_t base, uint64_t length) {
   uint64_t high = base + length >= base ? base + length : UINT64_MAX;
   Bounds cleared = {base, high};
   const Bounds first = DestroyRangeAt(table, base);

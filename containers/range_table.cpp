@@ -53,7 +53,8 @@ void __QvInsertRangeTableEntry(QV_RANGE_TABLE* table, uint64_t start, uint64_t e
 
 uint64_t __QvLookupRangeTable(QV_RANGE_TABLE* table, uint64_t address, uint64_t* startOut,
                               uint64_t* endOut) {
-  const QV_RANGE_RECORD* const record = table != nullptr ? qv::FindRange(qv::Own(*table), address) : nullptr;
+  const QV_RANGE_RECORD* const record =
+      table != nullptr ? qv::FindRange(qv::Own(*table), address) : nullptr;
   if (startOut != nullptr) *startOut = record != nullptr ? record->start : 0;
   if (endOut != nullptr) *endOut = record != nullptr ? record->end : 0;
   return record != nullptr ? record->item : 0;
@@ -71,9 +72,10 @@ uint64_t __QvRemoveFirstRangeTableEntry(QV_RANGE_TABLE* table, uint64_t low, uin
   return table != nullptr ? qv::RemoveFirstRange(qv::Own(*table), low, high) : 0;
 }
 
-void __QvDestroyRangeTableSpan(QV_RANGE_TABLE* table, uint64_t base, uint64_t length, uint64_t* startOut,
-                               uint64_t* endOut) {
-  const qv::Bounds cleared = table != nullptr ? qv::DestroySpan(qv::Own(*table), base, length) : qv::Bounds{0, 0};
+void __QvDestroyRangeTableSpan(QV_RANGE_TABLE* table, uint64_t base, uint64_t length,
+                               uint64_t* startOut, uint64_t* endOut) {
+  const qv::Bounds cleared =
+      table != nullptr ? qv::DestroySpan(qv::Own(*table), base, length) : qv::Bounds{0, 0};
   if (startOut != nullptr) *startOut = cleared.start;
   if (endOut != nullptr) *endOut = cleared.end;
 }
