@@ -133,10 +133,11 @@ void MoveChain(QV_HASH_TABLE& leaf, QV_HASH_ENTRY* entry) {
 QV_COLD void GrowSlow(QV_HASH_TABLE& leaf) {
   QV_HASH_BUCKET* const old = leaf.buckets;
   const int32_t oldCount = leaf.bucketCount;
-  leaf.buckets = AllocateBuckets(leaf, oldCount * 2);
-  memset(leaf.buckets, 0, size_t(oldCount) * 2 * sizeof(QV_HASH_BUCKET));
+  QV_HASH_BUCKET* const buckets = AllocateBuckets(leaf, oldCount * 2);
+  memset(buckets, 0, size_t(oldCount) * 2 * sizeof(QV_HASH_BUCKET));
+  StoreRelaxed(leaf.buckets, buckets);  // whole words: a prefetch reads them without the lock
   leaf.bucketBits++;
-  leaf.bucketCount = oldCount * 2;
+  StoreRelaxed(leaf.bucketCount, oldCount * 2);
   for (int32_t i = 0; i < oldCount; i++) MoveChain(leaf, old[i].head);
   Release(old);
 }
