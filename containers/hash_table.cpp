@@ -352,7 +352,7 @@ void AddEntry(HashTable& leaf, uint64_t key, void* data) {
 
 void UnlinkEntry(HashTable& leaf, QV_HASH_ENTRY** link) {
   QV_HASH_ENTRY* const entry = *link;
-  *link = entry->next;
+  StoreRelaxed(*link, entry->next);  // a prefetch reads it without the lock of the bucket
   if (QV_UNLIKELY(leaf.scans != nullptr)) LeaveScansSlow(leaf, link, entry);
 }
 
