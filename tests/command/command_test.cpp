@@ -150,8 +150,11 @@ TEST(CommandChannel, BatchesArriveInOrderOnceAndTheObjectsGoAtTheEnd) {
       if (random() % 8 == 0) Await([&] { return controller.Pending() == 0; });
     }
     Await([&] { return delivered.Count() + 1 == size_t(next); });
-    for (int i = 1; i < next; i++) CHECK_EQ(delivered.codes[size_t(i - 1)], i);
-    CHECK(delivered.payloads == sent && delivered.faithful);
+    {
+      const std::lock_guard guard(delivered.lock);
+      for (int i = 1; i < next; i++) CHECK_EQ(delivered.codes[size_t(i - 1)], i);
+      CHECK(delivered.payloads == sent && delivered.faithful);
+    }
     // Records that a locked controller posts stay for the next wake-up.
     controller.Lock();
     controller.Write(0, 7, "");
@@ -187,9 +190,9 @@ TEST(CommandChannel, HostileAreasMakeNoWorkerFail) {
       Await([&] { return controller.Pending() == 0; });
       if (pending > 0) Await([&] { return delivered.Count() >= before + 5; });
     }
-    CHECK(delivered.faithful);
     Await([&] {
       const std::lock_guard guard(delivered.lock);
+      CHECK(delivered.faithful);
       return delivered.codes.back() == QV_HEARTBEAT_CODE;
     });
     __QvShutdownCommandHandler();
