@@ -19,7 +19,7 @@ static uint64_t Eleven(void) { return 11; }
 static uint64_t Twelve(void) { return 12; }
 static uint32_t AllocSlot(void) { return 13; }
 static uint32_t FreeSlot(uint32_t slot) { return slot + 1; }
-static void* GetSlot(uint32_t slot) { return (char*)0 + slot; }
+static void* GetSlot(uint32_t slot) { return (void*)(uintptr_t)slot; }
 static uint32_t SetSlot(uint32_t slot, void* value) { return slot + (uint32_t)(uintptr_t)value; }
 
 static void StartUpIsSeen(void) {

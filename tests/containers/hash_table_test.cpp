@@ -260,7 +260,7 @@ TEST(HashTable, GrowsBeforeTheEntryAfterOneTooMany) {
   }
   // Growth takes each chain from its head: three that stay together come out the other way round.
   Table* const table = __QvCreateHashTable(0x2, nullptr, 1, nullptr, nullptr, kCategory, 0);
-  for (uint64_t key : {0x400, 0x800, 0xC00}) __QvInsertHashTableEntry(table, key, Data(1));
+  for (uint64_t key : {0x400ull, 0x800ull, 0xC00ull}) __QvInsertHashTableEntry(table, key, Data(1));
   for (uint64_t key = 1; key < 256; key++) __QvInsertHashTableEntry(table, key, Data(1));
   ASSERT_EQ(table->bucketCount, 512);
   ASSERT_EQ(ChainKeys(table, 0), (std::vector<uint64_t>{0x400, 0x800, 0xC00}));
@@ -274,7 +274,7 @@ const Table* SubTable(const Table* table, uint32_t bucket) {
 TEST(HashTable, DefaultHashesTakeTheDocumentedBitsAtEachLevel) {
   qvtest::InstallAccountingHost();
   Table* const two = __QvCreateHashTable(0, nullptr, 2, nullptr, nullptr, kCategory, 5);
-  for (uint64_t key : {0x100, 0x10100, 0x200}) __QvInsertHashTableEntry(two, key, Data(key));
+  for (uint64_t key : {0x100ull, 0x10100ull, 0x200ull}) __QvInsertHashTableEntry(two, key, Data(key));
   ASSERT_EQ(two->level, 1);
   ASSERT_EQ(two->count, 2);
   ASSERT_EQ(SubTable(two, 1)->count, 2);

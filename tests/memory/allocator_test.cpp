@@ -52,7 +52,7 @@ TEST(Allocator, SizesMapToUnitsAndSlabsAreLaidOutAsDocumented) {
       CHECK_EQ(ClassOf(63, units).units, units);
     }
     CHECK(TakeEvents() == "+65520 +65520 +65520 +65520 +65520 ");  // a slab for each class
-    for (uint32_t shift : {0, 1, 5, 8}) {
+    for (uint32_t shift : {0u, 1u, 5u, 8u}) {
       char* const p = static_cast<char*>(__QvMalloc(shift, 100, shift));
       CHECK(TakeEvents() == "+" + std::to_string((65536 << shift) - 16) + " ");
       const QV_SLAB* const slab = SlabOf(p);
@@ -90,14 +90,14 @@ TEST(Allocator, SlabsLeaveAndRegainTheListAndOnlyTheLastIsKept) {
     CHECK(TakeEvents() == "+5237760 +65520 +65520 +65520 ");
     QV_SLAB* const slabs[] = {SlabOf(chunks[0]), SlabOf(chunks[4092]), SlabOf(chunks[2 * 4092])};
     for (int i : {0, 2, 1}) {
-      __QvFree(chunks[i * 4092 + 7]);
+      __QvFree(chunks[size_t(i) * 4092 + 7]);
       CHECK(sizeClass.firstSlab == slabs[i]);
     }
     CHECK(__QvMalloc(1, 0, 0) == chunks[4092 + 7]);
     __QvFree(chunks[4092 + 7]);
     const auto empty = [&](int slab) {
       for (int i = 0; i < 4092; i++) {
-        if (i != 7) __QvFree(chunks[slab * 4092 + i]);
+        if (i != 7) __QvFree(chunks[size_t(slab * 4092 + i)]);
       }
       CheckClass(1, 1);
     };

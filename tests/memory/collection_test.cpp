@@ -480,7 +480,7 @@ void LiveThroughEverything() {
   const QVLOG_MESSAGE message = {"OF_LIFE", names, 0, source};
   const uint32_t id = __QvRegisterLogMessage2(&message);
   __QvLogInternal(QVLOG_SEVERITY_INFO, id, 0, QVLOG_ARG_INTEGER, 5);
-  for (uint32_t size : {0, 500, 9000, 32728, 50000}) __QvMalloc(2, size, size % 3);
+  for (uint32_t size : {0u, 500u, 9000u, 32728u, 50000u}) __QvMalloc(2, size, size % 3);
   QV_XML_FILE* file = __QvXMLCreateFile("life.xml", 0);
   __QvXMLWriteStringElement(file, "a", "b");
   __QvXMLCloseFile(&file);
