@@ -61,8 +61,7 @@ uint32_t RegisterOption(const OptionRequest& request) {
       ToolName(request.parser) == nullptr) {
     LogFatalToolDefect(
         "A valid option name, description and parser handle must be specified to register an option "
-        "with "
-        "QVRT");
+        "with QVRT");
   }
   const uint32_t slot = TakeSlot(g_optionTables.optionCount, kOptions);
   if (slot == kNone) return kNone;
@@ -89,8 +88,7 @@ void AddValidArgument(uint32_t parser, uint32_t option, const char* string, int3
   if (record == nullptr) {
     LogFatalToolDefect(
         "A valid option id and parser id must be specified to register an option argument for an "
-        "option in "
-        "QVRT");
+        "option in QVRT");
   }
   if (record->isAppend != 0) {
     LogFatalToolDefect("Registering valid arguments for append options is not currenctly supported");
