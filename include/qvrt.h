@@ -797,9 +797,9 @@ QV_API int32_t __QvSetPathOption(uint32_t parser, uint32_t option, const char* v
  *   -trace, -no-trace   switch a boolean option on and off
  *   -depth 3            any other option takes the next element, which cannot begin with '-'.
  *                       Integers: 0 to 2147483647, in decimal, 0x hexadecimal or 0 octal
- * A null element counts as one without '-', a null argument as none. For a parser that does not exist
- * every option is unknown, and the report names the tool "(unknown)". A value that the option does not
- * accept is fatal. */
+ * A null element, or list, counts as one without '-', a null argument as none. For a parser that does
+ * not exist every option is unknown, and the report names the tool "(unknown)". A value that the option
+ * does not accept is fatal. */
 QV_API int32_t __QvParseOptions2(uint32_t parser, uint32_t count, char* const* elements);
 QV_API int32_t __QvParseOptions(uint32_t parser, uint32_t count, char* const* elements); /* the same */
 

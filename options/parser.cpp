@@ -76,7 +76,7 @@ uint32_t ApplyArgument(OptionRecord& option, const Elements& elements) {
 
 // Elements used, or 0 after a failure. The minus of "no-" begins the name that a negation looks up.
 uint32_t ApplyElement(const Elements& elements) {
-  const char* const element = elements.next[0];
+  const char* const element = elements.next == nullptr ? nullptr : elements.next[0];
   if (element == nullptr || *element != '-') {
     return FailOption("Bad command line option: %s used with tool: %s", element, elements.parser);
   }

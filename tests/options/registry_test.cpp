@@ -36,6 +36,8 @@ TEST(OptionRegistry, FullTablesRefuseInSilenceAndNobodyReadsPastThem) {
       __QvPrintHelp(parser, 1);
       __QvLogToolOptionValues(parser);
     }
+    CHECK_EQ(__QvParseOptions2(kNone, 0, nullptr), 1);
+    CHECK_EQ(__QvParseOptions2(3, 1, nullptr), 0);
     for (const uint32_t id : {0u, 256u, 257u, 0x80000000u, kNone}) {
       CHECK(__QvGetOptionName(1, id) == nullptr);
       CHECK_EQ(__QvGetOptionNumberOfArguments(0, id), 0u);
@@ -51,6 +53,8 @@ TEST(OptionRegistry, FullTablesRefuseInSilenceAndNobodyReadsPastThem) {
     log.Message("BAD_OPTION", "option", "-n");
     log.Comment("Invalid command line option: -n used with tool: (unknown)");
   }
+  log.Message("BAD_OPTION", "option", "(null)");
+  log.Comment("Bad command line option: (null) used with tool: tool");
   log.Internal("Invalid option parser id or option id used to get option flags");
   EXPECT_EQ(WithoutTimes(child.Read("qvlog.log")), log.Text());
 }
