@@ -1,7 +1,9 @@
 // XML file writer: files, escaping, and the exported calls. Design: xml/xml_file.h.
 #include "xml/xml_file.h"
 
+#include <emmintrin.h>
 #include <fcntl.h>
+#include <string.h>
 
 #include "memory/allocate.h"
 
@@ -37,17 +39,43 @@ QV_COLD Entity EntityOf(char c) {
   }
 }
 
-// The bytes that are not copied as they are: the five, and the end of the text.
+// The five bytes that are not copied as they are.
 struct SpecialBytes {
   bool is[256] = {};
 };
 constexpr SpecialBytes MarkSpecialBytes() {
   SpecialBytes special;
   for (const char* c = "\"&'<>"; *c != 0; c++) special.is[static_cast<unsigned char>(*c)] = true;
-  special.is[0] = true;
   return special;
 }
 constexpr SpecialBytes kSpecial = MarkSpecialBytes();
+
+// A bit for each of 16 bytes that is one of the five. '&' and '\'' differ in bit 0 alone, '<' and '>' in
+// bit 1 alone.
+unsigned SpecialsAmong(__m128i bytes) {
+  static_assert(('&' | 1) == '\'' && ('<' | 2) == '>');
+  const __m128i quotes = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'));
+  const __m128i others = _mm_cmpeq_epi8(_mm_or_si128(bytes, _mm_set1_epi8(1)), _mm_set1_epi8('\''));
+  const __m128i angles = _mm_cmpeq_epi8(_mm_or_si128(bytes, _mm_set1_epi8(2)), _mm_set1_epi8('>'));
+  return unsigned(_mm_movemask_epi8(_mm_or_si128(_mm_or_si128(quotes, others), angles)));
+}
+
+constexpr size_t Smaller(size_t a, size_t b) { return a < b ? a : b; }
+
+// Copies the bytes before the first special one, at most `count`; how many those are. A whole vector is
+// stored even if only its beginning counts: it is within `count`, and what follows overwrites it.
+size_t CopyPlain(char* to, const char* from, size_t count) {
+  size_t done = 0;
+  for (; count - done >= sizeof(__m128i); done += sizeof(__m128i)) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + done));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to + done), bytes);
+    const unsigned specials = SpecialsAmong(bytes);
+    if (QV_UNLIKELY(specials != 0)) return done + size_t(__builtin_ctz(specials));
+  }
+  for (; done < count && !kSpecial.is[static_cast<unsigned char>(from[done])]; done++)
+    to[done] = from[done];
+  return done;
+}
 
 bool Usable(const QV_XML_FILE* file) { return QV_LIKELY(file != nullptr && file->stream != nullptr); }
 
@@ -144,18 +172,21 @@ bool ReopenXmlFile(QV_XML_FILE& file) {
   return true;
 }
 
+// The scratch buffer never holds more than kLimit bytes and each byte of the text makes at least one, so
+// what lies beyond is not looked at. With the length known the scan reads whole vectors, none past the
+// text.
 size_t EscapeIntoScratch(QV_XML_FILE& file, const char* text) {
   char* const scratch = file.scratch;
   constexpr size_t kLimit = kScratchBytes - 1;  // the last byte stays NUL
+  const char* const end = text + strnlen(text, kLimit);
   size_t length = 0;
-  for (;; text++) {
-    if (QV_LIKELY(!kSpecial.is[static_cast<unsigned char>(*text)])) {
-      if (QV_UNLIKELY(length == kLimit)) break;
-      scratch[length++] = *text;
-      continue;
-    }
-    if (*text == 0) break;
-    const Entity entity = EntityOf(*text);
+  while (text != end) {
+    const size_t plain =
+        CopyPlain(scratch + length, text, Smaller(size_t(end - text), kLimit - length));
+    text += plain;
+    length += plain;
+    if (text == end || length == kLimit) break;
+    const Entity entity = EntityOf(*text++);
     if (entity.length > kLimit - length) break;
     memcpy(scratch + length, entity.text, entity.length);
     length += entity.length;
