@@ -71,8 +71,9 @@ struct Selection {
 bool Begins(const char* name, Word word) { return strncasecmp(name, word.text, word.length) == 0; }
 
 // The entry itself, or a later one of exactly that name: else a name that begins another, earlier one
-// could never be selected.
+// could never be selected. An empty word is no name: it means the first entry on any map.
 const QV_DEBUG_CHANNEL* PreferWholeName(const QV_DEBUG_CHANNEL* first, Word word) {
+  if (word.length == 0) return first;
   const QV_DEBUG_CHANNEL* const end = g_dump.map + g_dump.count;
   for (const QV_DEBUG_CHANNEL* channel = first; channel != end; channel++) {
     if (Begins(channel->name, word) && channel->name[word.length] == 0) return channel;

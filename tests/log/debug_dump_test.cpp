@@ -49,7 +49,7 @@ bool ModelApply(const Map& map, const std::string& item, uint32_t& mask) {
       if (Lower(first.name).rfind(word, 0) != 0) continue;
       uint64_t bits = first.mask;
       for (const QV_DEBUG_CHANNEL* later = &map.back(); later >= &first; later--) {
-        if (Lower(later->name) == word) bits = later->mask;
+        if (!word.empty() && Lower(later->name) == word) bits = later->mask;
       }
       mask = negated ? mask & ~uint32_t(bits) : bits == 0 ? 0 : mask | uint32_t(bits);
       return true;
@@ -95,8 +95,8 @@ TEST(DebugDump, TheOptionAgreesWithTheModelOnAnyMap) {
   const ChildResult child = RunChild([] {
     CompareOnRandomTexts(BuiltInMap());
     const uint64_t high = uint64_t{1} << 32;
-    Map tricky = {{1, "no-a"}, {2, "ab"},      {0, "off"},       {4, "A"},
-                  {8, "no-"},  {high, "high"}, {high + 16, "hi"}};
+    Map tricky = {{1, "no-a"}, {2, "ab"},      {0, "off"},        {4, "A"},
+                  {8, "no-"},  {high, "high"}, {high + 16, "hi"}, {32, ""}};
     tricky.push_back({0, nullptr});
     CHECK_EQ(__QvDbgRegisterDbgMap(tricky.data()), 1u);
     tricky.pop_back();
