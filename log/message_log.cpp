@@ -35,8 +35,8 @@ constinit uint32_t g_creationGuard = 0;
 constinit uint32_t g_creator = 0;  // identity of who holds the creation guard
 constinit LogParts g_spare = {};   // for the log that opens itself; written by start-up
 constinit uint32_t g_nextEntryId = 1;
-constinit uint32_t g_depthBetweenEntries = 1;
-constinit time_t g_timeSecond = -1;  // the second that g_timeText names
+constinit uint32_t g_depthBetweenEntries = 1;  // of the present logger
+constinit time_t g_timeSecond = -1;            // the second that g_timeText names
 constinit TimeText g_timeText = "";
 constinit bool g_timeIsFixed = false;  // in a child after fork
 
@@ -63,6 +63,7 @@ void PublishLogger(QV_XML_FILE& log) {
   QV_XML_FILE* const former = g_logger;
   if (former == nullptr) return StoreRelease(g_logger, &log);
   const SpinGuard<LockRank::kLog> guard(former->lock);
+  g_depthBetweenEntries = log.depth;
   StoreRelease(g_logger, &log);
 }
 
@@ -112,10 +113,11 @@ void UseLogger(QV_XML_FILE* log, Use use) {
 // The scope of one entry, under the logger's lock: its stream, until the entry is flushed.
 class LogEntry : NonCopyable {
  public:
-  explicit LogEntry(QV_XML_FILE& log) : stream_(log.stream), log_(log) {
-    g_depthBetweenEntries = log.depth;
+  explicit LogEntry(QV_XML_FILE& log) : stream_(log.stream), log_(log) {}
+  ~LogEntry() {
+    fflush_unlocked(log_.stream);
+    g_depthBetweenEntries = log_.depth;
   }
-  ~LogEntry() { fflush_unlocked(log_.stream); }
 
  private:
   const StreamLock stream_;

@@ -277,6 +277,30 @@ TEST(CreateProcess, LogsAProgramItCannotExecute) {
   EXPECT_EQ(CountOf(log, "<msg"), 1) << log;
 }
 
+// Faults: the child's entry where the entry before it stood, though the root element was closed since, or
+// another log opened.
+TEST(CreateProcess, LogsAtTheLevelOfTheLogAsItIs) {
+  const ChildResult child = RunChild([] {
+    __QvRtStartup();
+    char nowhere[] = "no/such";
+    char* const missing[] = {nowhere, nullptr};
+    __QvLogInternal(QVLOG_SEVERITY_INFO, QVLOG_MSG_COMMENT, 0, "first");
+    __QvCloseLogger();
+    CHECK_EQ(Reap(__QvCreateProcess(missing)), 127);
+    __QvLogInternal(QVLOG_SEVERITY_INFO, QVLOG_MSG_COMMENT, 0, "last");
+    CHECK_EQ(__QvCreateLogger("tool", "other.log", 0), 1u);
+    CHECK_EQ(Reap(__QvCreateProcess(missing)), 127);
+  });
+  EXPECT_TRUE(child.Ok()) << child.err;
+  const std::string log = child.Read("qvlog.log"), other = child.Read("other.log");
+  EXPECT_EQ(CountOf(log, "\n</log>\n<msg id='1' source='qvrt'>\n\t<type>INTERNAL</type>"), 1) << log;
+  EXPECT_EQ(CountOf(log, "\n\t<!-- failed to launch process no/such  -->\n</msg>\n<!-- last -->"), 1)
+      << log;
+  EXPECT_EQ(CountOf(other, "source='tool'>\n\t<msg id='1' source='qvrt'>\n\t\t<type>INTERNAL</type>"),
+            1)
+      << other;
+}
+
 namespace {
 
 // Launches what cannot be executed so many times, while other threads do something else.
