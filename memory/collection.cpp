@@ -24,6 +24,11 @@ struct Reserve {
   Reserve* next;
 };
 
+struct OutOfMemoryReport {
+  uint64_t thread;  // 1 + identity; 0 when unused
+  uint64_t frame;   // the stack grows down from here while the report lasts
+};
+
 // Process-wide state.
 constinit QV_SPIN_LOCK g_allocatorLock = {};
 constinit QV_SPIN_LOCK g_virtualCheckLock = {};
@@ -37,7 +42,7 @@ constinit uint32_t g_collectorCount = 0;
 constinit uint64_t g_highestFreeSwap = 0;
 constinit uint64_t g_lowestFreeSwap = ~uint64_t{0};
 constinit uint32_t g_tightWarningPending = 1;
-constinit uint64_t g_outOfMemoryThreads[kReporters] = {};  // 1 + identity of each that reported it
+constinit OutOfMemoryReport g_outOfMemoryReports[kReporters] = {};
 constinit int32_t g_virtualAllocFailures = 0;
 constinit uint32_t g_preCheckWaiting = 0;
 
@@ -164,14 +169,17 @@ void* ProbeWithReserves(uint32_t bytes, uint32_t warned) {
 }
 
 // A thread that runs out of memory again while it reports, or in the exit handler, must not start over:
-// it would never end. Other threads each report as if they were the first. Beyond the table, so many
-// have reported that one more has nothing to add.
-bool ReportedOutOfMemoryBefore() {
+// it would never end. Such a call comes from deeper on the stack than the report it is part of; one from
+// elsewhere means that the handler left by a jump, and is a report of its own. Other threads each report
+// as if they were the first. Beyond the table, so many have reported that one more has nothing to add.
+bool ReportedOutOfMemoryBefore(uint64_t frame) {
   const uint64_t me = uint64_t{SelfId()} + 1;
-  for (uint64_t& thread : g_outOfMemoryThreads) {
-    const uint64_t found = CompareExchange(thread, me, 0);
-    if (found == 0) return false;
-    if (found == me) return true;
+  for (OutOfMemoryReport& report : g_outOfMemoryReports) {
+    const uint64_t found = CompareExchange(report.thread, me, 0);
+    if (found == me && frame < LoadRelaxed(report.frame)) return true;
+    if (found != 0 && found != me) continue;
+    StoreRelaxed(report.frame, frame);
+    return false;
   }
   return true;
 }
@@ -203,7 +211,8 @@ void* AcquireMemoryForMalloc(uint64_t bytes) {
 void ReportMemoryShortage(Shortage shortage) {
   const bool tight = shortage == Shortage::kTight;
   if (tight && LoadRelaxed(g_tightWarningPending) == 0) return;
-  if (!tight && ReportedOutOfMemoryBefore()) _exit(-1);
+  if (!tight && ReportedOutOfMemoryBefore(reinterpret_cast<uint64_t>(__builtin_frame_address(0))))
+    _exit(-1);
   if (StatisticsEnabled()) LogCategories("Allocation status for %-25s:%15ld");
   if (tight) {
     Log(QVLOG_SEVERITY_WARNING, QVLOG_MSG_MEMORY_IS_TIGHT, "MEMORY_IS_TIGHT");

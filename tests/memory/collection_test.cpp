@@ -3,6 +3,7 @@
 #include "memory/collection.h"
 
 #include <gtest/gtest.h>
+#include <setjmp.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <sys/sysinfo.h>
@@ -438,6 +439,26 @@ TEST(OutOfMemory, InTheExitHandlerDoesNotStartOver) {
     EXPECT_GE(log.Count("ERROR OUT_OF_MEMORY"), 1);
     EXPECT_LE(log.Count("ERROR OUT_OF_MEMORY"), threads);
   }
+}
+
+// A tool may end a failed operation only, not the process. Nothing is held when its handler runs, so it
+// can, and each shortage is reported.
+TEST(OutOfMemory, IsReportedAgainAfterTheExitHandlerLeftByAJump) {
+  const ChildResult child = RunChild([] {
+    InstallScriptedHost();
+    __QvRtStartup();
+    static jmp_buf back;
+    static constinit volatile int left = 0;
+    __QvSetExitHandler([](int32_t) { longjmp(back, 1); });
+    Script().refuse = [](uint64_t) { return true; };
+    if (setjmp(back) != 0) left = left + 1;
+    if (left < 3) __QvMalloc(1, 8, 0);
+    Script().refuse = {};
+    CHECK_EQ(left, 3);
+    CHECK(__QvMalloc(1, 8, 0) != nullptr);
+  });
+  EXPECT_TRUE(child.Ok()) << child.err;
+  EXPECT_EQ(ReadLog(child.Read("qvlog.log")).Count("ERROR OUT_OF_MEMORY"), 3);
 }
 
 // Without a thread-id hook the locks keep no trace of their holder; from inside the hook is still
