@@ -71,6 +71,7 @@ void FindRealFunctions() {
   Find(found.valloc, "valloc");
   Find(found.pvalloc, "pvalloc");
   Find(found.fclose, "fclose");
+  Find(found.fopen, "fopen");
   g_real = found;
 }
 

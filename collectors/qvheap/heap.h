@@ -1,6 +1,6 @@
 // The allocator underneath, and the arena for what libc allocates on the collector's own behalf.
 //
-// The real functions (fclose among them: collectors/qvheap/table.h) are the next ones in the loader's
+// The real functions (fclose and fopen among them: table.h, log.h) are the next ones in the loader's
 // search order: libc's, or those of another allocator that the program brings. Finding them may itself
 // allocate, and so may the collector's calls into libc (streams for its files, exit handlers). Such
 // memory comes from a fixed arena: it is not the program's and must not be counted, and a report must
@@ -26,6 +26,7 @@ struct RealFunctions {
   void* (*valloc)(size_t);
   void* (*pvalloc)(size_t);
   int (*fclose)(FILE*);
+  FILE* (*fopen)(const char*, const char*);
 };
 extern RealFunctions g_real;
 

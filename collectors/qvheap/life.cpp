@@ -8,6 +8,7 @@
 
 #include "collectors/qvheap/census.h"
 #include "collectors/qvheap/heap.h"
+#include "collectors/qvheap/log.h"
 #include "collectors/qvheap/report.h"
 #include "collectors/qvheap/table.h"
 #include "host/qvhost.h"
@@ -26,6 +27,10 @@ void BeforeFork() {
 }
 
 void AfterForkInParent() {
+  {
+    const Inside inside;
+    QVHEAP_DUMP_LOCKED(kDumpFork, "process %d forked", g_process.pid);
+  }
   __QvReleaseSpinLock(&g_arenaLock);
   __QvReleaseSpinLock(&g_censusLock);
 }
@@ -40,7 +45,9 @@ void AfterForkInChild() {
   RestartCensusLocked();
   g_process.pid = getpid();
   DropStandardError();
-  if (g_started) BeginLogLocked();
+  if (!g_started) return;
+  BeginLogLocked();
+  QVHEAP_DUMP_LOCKED(kDumpFork, "process %d came of process %d", g_process.pid, getppid());
 }
 
 void AtExit(int, void*) {
@@ -62,6 +69,21 @@ void NameProgram() {
   g_process.program[length > 0 ? length : 0] = 0;
 }
 
+// The log exists before anything can have something to say.
+void ReadOptionsLocked() {
+  SetUpLogLocked();
+  g_process.parser = RegisterOptions(kCollectorOptions);
+  const char* const text = getenv(kOptionsVariable);
+  const bool understood = ReadHandover(text, g_process.parser, g_process.options);
+  const char* const dump = g_process.parser.Text(kOptionDump);
+  g_dumping = dump != nullptr && SelectDumpChannels(dump);
+  BeginLogLocked();
+  const LogSession session;
+  if (understood || !session.IsOpen()) return;
+  __QvLogInternal(QVLOG_SEVERITY_ERROR, QVLOG_MSG_COMMENT, 0, "%s is not understood: %s",
+                  kOptionsVariable, text);
+}
+
 // on_exit rather than atexit: the handler does not belong to this library, and being among the first
 // that are registered it runs among the last, after the exit functions of the program and of its
 // libraries.
@@ -71,10 +93,9 @@ __attribute__((constructor)) void Start() {
   __QvRtStartup();
   g_process.pid = getpid();
   NameProgram();
-  ParseOptions(getenv(kOptionsVariable), g_process.options);
   on_exit(AtExit, nullptr);
   const SpinGuard guard(g_censusLock);
-  BeginLogLocked();
+  ReadOptionsLocked();
   g_started = true;
 }
 

@@ -15,6 +15,7 @@ namespace qvheap {
 
 struct Process {
   int32_t pid;
+  OptionParser parser;
   Options options;
   char program[PATH_MAX];  // what runs here
 };

@@ -2,15 +2,14 @@
 #include "collectors/qvheap/report.h"
 
 #include <errno.h>
-#include <signal.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "collectors/qvheap/census.h"
 #include "collectors/qvheap/life.h"
+#include "collectors/qvheap/log.h"
+#include "collectors/qvheap/raised_signals.h"
 #include "collectors/qvheap/table.h"
 #include "host/qvhost.h"
 
@@ -25,29 +24,6 @@ const char* PathLocked(const char* prefix) {
   snprintf(g_path, sizeof g_path, "%s/%s.%d.xml", g_process.options.directory, prefix, g_process.pid);
   return g_path;
 }
-
-// Writing may raise signals (a closed pipe, a full quota). They are blocked while we are inside; what
-// the report itself raised is taken away before they are not.
-class RaisedSignals : NonCopyable {
- public:
-  RaisedSignals() { sigpending(&pendingBefore_); }
-  ~RaisedSignals() {
-    Take(SIGPIPE);
-    Take(SIGXFSZ);
-  }
-
- private:
-  void Take(int signal) {
-    if (sigismember(&pendingBefore_, signal)) return;
-    sigset_t one;
-    sigemptyset(&one);
-    sigaddset(&one, signal);
-    const struct timespec now = {};
-    sigtimedwait(&one, nullptr, &now);
-  }
-
-  sigset_t pendingBefore_;
-};
 
 // ---- The census in XML -----------------------------------------------------------------------------
 
@@ -118,15 +94,6 @@ void WriteOlderThreads(QV_XML_FILE* file, const Totals& totals) {
   __QvXMLWriteClosingTag(file, "olderThreads");
 }
 
-// False if not all of it could be written (a full disk); no descriptor stays behind then either.
-bool CloseFile(QV_XML_FILE* file) {
-  __QvXMLCloseFile(&file);
-  if (file == nullptr) return true;
-  if (file->stream != nullptr) __QvFclose(file->stream);
-  __QvXMLCleanupAfterFork(&file);
-  return false;
-}
-
 bool WriteCensusLocked(const Totals& totals, const char* path) {
   QV_XML_FILE* file = __QvXMLCreateFile(path, 0);
   if (file == nullptr) return false;
@@ -140,29 +107,10 @@ bool WriteCensusLocked(const Totals& totals, const char* path) {
   if (totals.foldedThreads != 0) WriteOlderThreads(file, totals);
   __QvXMLWriteLongDecimalElement(file, "collectorBytes", int64_t(QvHostBytesInUse()));
   __QvXMLWriteClosingTag(file, "heap");
-  return CloseFile(file);
+  return CloseXmlFile(file);
 }
 
-// ---- The log ---------------------------------------------------------------------------------------
-
-// As the message log itself would begin it, and then closed: see report.h.
-bool WriteLogHeadLocked(const char* path) {
-  QV_XML_FILE* file = __QvXMLCreateFile(path, 0);
-  if (file == nullptr) return false;
-  __QvXMLStartWritingOpeningTag(file, "log");
-  __QvXMLWriteStringAttribute(file, "version", "2.0");
-  __QvXMLWriteStringAttribute(file, "source", "qvheap");
-  __QvXMLFinishWritingOpeningTag(file);
-  __QvXMLWriteComment(file, "qvheap counts process %d: %s", g_process.pid, g_process.program);
-  return CloseFile(file);
-}
-
-bool ContinueLogLocked() {
-  const char* const path = PathLocked("qvlog");
-  struct stat status;
-  if (stat(path, &status) != 0 && !WriteLogHeadLocked(path)) return false;
-  return __QvCreateLogger("qvheap", path, 1) == 1;
-}
+// ---- The end -----------------------------------------------------------------------------------------
 
 void LogOutcomeLocked(bool written, int error) {
   static const char* const kWrittenNames[] = {"file", nullptr};
@@ -170,6 +118,8 @@ void LogOutcomeLocked(bool written, int error) {
   const QVLOG_MESSAGE writtenMessage = {"CENSUS_WRITTEN", kWrittenNames, 0, 0};
   const QVLOG_MESSAGE failedMessage = {"CENSUS_NOT_WRITTEN", kFailedNames, 0, 0};
   const char* const path = PathLocked("qvheap");
+  const LogSession session;
+  if (!session.IsOpen()) return;
   if (written) {
     __QvLogInternal(QVLOG_SEVERITY_INFO, __QvRegisterLogMessage2(&writtenMessage), 0, QVLOG_ARG_STRING,
                     path);
@@ -177,14 +127,17 @@ void LogOutcomeLocked(bool written, int error) {
     __QvLogInternal(QVLOG_SEVERITY_ERROR, __QvRegisterLogMessage2(&failedMessage), 0, QVLOG_ARG_STRING,
                     path, QVLOG_ARG_INTEGER, error);
   }
-  __QvCloseLogger();
+  EndLogLocked();
 }
 
 }  // namespace
 
-void BeginLogLocked() {
-  const RaisedSignals raised;
-  WriteLogHeadLocked(PathLocked("qvlog"));
+bool CloseXmlFile(QV_XML_FILE* file) {
+  __QvXMLCloseFile(&file);
+  if (file == nullptr) return true;
+  if (file->stream != nullptr) __QvFclose(file->stream);
+  __QvXMLCleanupAfterFork(&file);
+  return false;
 }
 
 void ReportOnce() {
@@ -196,7 +149,7 @@ void ReportOnce() {
   errno = 0;
   const bool written = WriteCensusLocked(totals, PathLocked("qvheap"));
   const int error = errno;
-  if (ContinueLogLocked()) LogOutcomeLocked(written, error);
+  LogOutcomeLocked(written, error);
   PrintTableLocked(totals, PathLocked("qvheap"), written);
 }
 

@@ -12,56 +12,13 @@
 #include <string>
 #include <vector>
 
-#include "collectors/qvheap/options.h"
+#include "tools/qvheap/command_line.h"
 #include "tools/qvheap/program.h"
 
 namespace qvheap {
 namespace {
 
-constexpr char kUsageText[] =
-    "usage: qvheap [-out DIR] [-quiet] -- PROGRAM [ARGUMENT...]\n"
-    "\n"
-    "Runs the program and counts what it allocates: a heap census of every process that comes of it,\n"
-    "in DIR/qvheap.<pid>.xml, with a log in DIR/qvlog.<pid>.xml.\n"
-    "  -out DIR  where the files go (default: the current directory)\n"
-    "  -quiet    no table on standard error when the program ends\n"
-    "  -help     this text\n"
-    "\n"
-    "The exit status is the program's, but 125 if qvheap cannot do its part, 126 if the program "
-    "cannot\n"
-    "be run or counted, 127 if it is not found.\n";
-
 [[noreturn]] void Fail(const std::string& message) { throw Failure{kOwnFailure, message}; }
-
-struct CommandLine {
-  bool help = false;
-  bool quiet = false;
-  std::string directory = ".";
-  char** program = nullptr;  // its arguments, ended by null
-};
-
-CommandLine ReadCommandLine(char** argument) {
-  CommandLine line;
-  for (argument++; *argument != nullptr && **argument == '-'; argument++) {
-    const std::string option = *argument;
-    if (option == "--") {
-      argument++;
-      break;
-    }
-    if (option == "-help" || option == "--help") {
-      line.help = true;
-    } else if (option == "-quiet") {
-      line.quiet = true;
-    } else if (option == "-out") {
-      if (*++argument == nullptr) Fail("-out needs a directory");
-      line.directory = *argument;
-    } else {
-      Fail("unknown option " + option + " (qvheap -help lists them)");
-    }
-  }
-  line.program = argument;
-  return line;
-}
 
 // Rights, read-only file systems and quotas all show in one attempt.
 void CheckWritable(const std::string& directory) {
@@ -72,13 +29,19 @@ void CheckWritable(const std::string& directory) {
   unlink(path.c_str());
 }
 
+// The names of all files must fit too, the one of the command channel's lock among them.
+constexpr size_t kLongestFileName = 64;
+
 Options MakeOptions(const CommandLine& line) {
   Options options;
-  if (realpath(line.directory.c_str(), options.directory) == nullptr) {
-    Fail(line.directory + ": cannot write there: " + strerror(errno));
+  const char* const directory = line.parser.Text(kOptionOut);
+  if (realpath(directory, options.directory) == nullptr) {
+    Fail(std::string(directory) + ": cannot write there: " + strerror(errno));
+  }
+  if (strlen(options.directory) + kLongestFileName > sizeof options.directory) {
+    Fail(std::string(directory) + ": the directory's name is too long");
   }
   CheckWritable(options.directory);
-  options.quiet = line.quiet;
   options.launchedPid = getpid();
   struct stat status = {};
   if (fstat(STDERR_FILENO, &status) == 0) {
@@ -109,10 +72,11 @@ std::string FindCollector() {
   Fail("libqvheap.so is neither beside qvheap nor in ../lib");
 }
 
-void SetEnvironment(const Options& options, const std::string& collector) {
-  std::vector<char> text(PATH_MAX + 200);
-  if (!FormatOptions(options, text.data(), uint32_t(text.size())))
-    Fail("the directory's name is too long");
+void SetEnvironment(const OptionParser& parser, const Options& options, const std::string& collector) {
+  std::vector<char> text(kHandoverBytes);
+  if (!FormatHandover(parser, options, text.data(), uint32_t(text.size()))) {
+    Fail("the directory's name or the list of -dump is too long");
+  }
   const char* const others = getenv("LD_PRELOAD");
   const std::string preload = others != nullptr && *others != 0 ? collector + ":" + others : collector;
   if (setenv(kOptionsVariable, text.data(), 1) != 0 || setenv("LD_PRELOAD", preload.c_str(), 1) != 0) {
@@ -120,19 +84,22 @@ void SetEnvironment(const Options& options, const std::string& collector) {
   }
 }
 
-int Run(char** arguments) {
-  const CommandLine line = ReadCommandLine(arguments);
-  if (line.help) {
-    fputs(kUsageText, stdout);
-    return 0;
-  }
+int Launch(const CommandLine& line) {
   if (*line.program == nullptr) Fail("no program is given (qvheap -help tells how)");
   const std::string path = FindProgram(*line.program);
   CheckProgram(path);
   const Options options = MakeOptions(line);
-  SetEnvironment(options, FindCollector());
+  SetEnvironment(line.parser, options, FindCollector());
   execvp(path.c_str(), line.program);  // with a slash in it: no search, but the shell for plain scripts
-  throw Failure{kCannotRun, path + ": " + strerror(errno)};
+  const char* const also = errno == E2BIG ? " (with what qvheap adds to the environment)" : "";
+  throw Failure{kCannotRun, path + ": " + strerror(errno) + also};
+}
+
+int Run(char** arguments) {
+  const CommandLine line = ReadCommandLine(arguments);
+  if (!line.parser.Truth(kOptionHelp) && !line.parser.Truth(kOptionHelpToo)) return Launch(line);
+  PrintHelp(line);
+  return 0;
 }
 
 }  // namespace
