@@ -13,6 +13,8 @@
 //  (3) The loop over entries allocates nothing and calls nothing but the callback, and the log for an
 //      expression it cannot decode. Entries that would leave the section are counted and reported after
 //      it, once per table.
+// The loop decodes in place what compilers write, an operation alone or a register with a one-byte
+// offset; every other expression, and those in the last two bytes of the section, takes the reader.
 // Integers may lie unaligned.
 #include <string.h>
 
@@ -105,86 +107,133 @@ struct ExpressionReader {
 
 enum class Decoded : uint8_t { kYes, kUnsupported, kOutside };
 
-QV_INLINE void SetPlace(AnnotationRecord& record, uint64_t value, uint32_t isRegister) {
-  record.locationValue = value;
-  record.isRegister = isRegister;
+// The last three fields of a record, where a value lives.
+struct Place {
+  uint64_t value;
+  uint32_t isRegister;
+  int32_t offset;
+};
+static_assert(sizeof(Place) == 16 && offsetof(AnnotationRecord, registerOffset) == 44);
+
+// One copy of 16 bytes.
+QV_INLINE void SetPlace(AnnotationRecord& record, const Place& place) {
+  memcpy(&record.locationValue, &place, sizeof place);
 }
 
-QV_INLINE void DecodeSingle(uint32_t operation, AnnotationRecord& record) {
-  const uint32_t fromLit0 = operation - kOpLit0;
-  if (fromLit0 < 3 * kRun) {
-    SetPlace(record, fromLit0 % kRun, fromLit0 >= kRun);
-  } else {
-    SetPlace(record, kUnknownRegister, 1);
+// The place that each operation stands for if it is alone: no branch, whatever the mix of them.
+struct SinglePlaces {
+  alignas(64) Place of[256];
+  constexpr SinglePlaces() : of() {
+    for (uint32_t operation = 0; operation < 256; operation++) {
+      const uint32_t fromLit0 = operation - kOpLit0;
+      of[operation] = {kUnknownRegister, 1, 0};
+      if (fromLit0 < 3 * kRun) of[operation] = {fromLit0 % kRun, fromLit0 >= kRun, 0};
+    }
   }
-}
+};
+constexpr SinglePlaces kSingle;
 
-QV_INLINE Decoded DecodeExpression(const Byte* expression, const Byte* end, AnnotationRecord& record) {
-  if (QV_UNLIKELY(expression >= end)) return Decoded::kOutside;
-  ExpressionReader reader{expression, end};
+// Any expression, with `room` bytes to the section's end.
+QV_COLD Decoded DecodeSlow(uint64_t room, AnnotationRecord& record) {
+  ExpressionReader reader{record.expression, record.expression + room};
   const uint64_t length = reader.NextUleb();
-  if (QV_UNLIKELY(!reader.inside || length > uint64_t(end - reader.at))) return Decoded::kOutside;
-  if (QV_LIKELY(length == 1)) {
-    DecodeSingle(reader.Next(), record);
+  if (!reader.inside || length > uint64_t(reader.end - reader.at)) return Decoded::kOutside;
+  if (length == 1) {
+    SetPlace(record, kSingle.of[reader.Next()]);
     return Decoded::kYes;
   }
   const uint32_t fromBreg0 = length == 0 ? kRun : reader.Next() - kOpBreg0;
   if (fromBreg0 >= kRun) return Decoded::kUnsupported;
   const int32_t offset = reader.NextSleb();
   if (!reader.inside) return Decoded::kOutside;
-  SetPlace(record, fromBreg0, 1);
-  record.registerOffset = offset;
+  SetPlace(record, {fromBreg0, 1, offset});
   return Decoded::kYes;
 }
 
-QV_INLINE uint64_t AddressOf(const Table& table, const Section& section, const Byte* entry) {
-  uint64_t value = Load<uint64_t>(entry);
-  if (table.is11) return section.imageBase + value;
-  if ((table.flags & kFlag32Bit) != 0 && (value & 0x80000000u) != 0) value |= 0xFFFFFFFFull << 32;
-  if ((table.flags & kFlagPcRelative) != 0) value += reinterpret_cast<uint64_t>(table.header);
-  return value;
+// The common expressions, three bytes of which can be read. False: another one, record as it was.
+QV_INLINE bool DecodeFast(AnnotationRecord& record) {
+  const Byte* const at = record.expression;
+  if (QV_LIKELY(at[0] == 1)) {
+    SetPlace(record, kSingle.of[at[1]]);
+    return true;
+  }
+  const uint32_t fromBreg0 = at[1] - kOpBreg0;
+  if (QV_UNLIKELY(at[0] != 2 || fromBreg0 >= kRun || at[2] >= 0x80)) return false;
+  SetPlace(record, {fromBreg0, 1, int32_t(uint32_t{at[2]} << 25) >> 25});
+  return true;
 }
 
+// What the loop over the entries of a table needs, worked out once.
+struct Walk {
+  const Byte* strings;
+  uint64_t stringRoom;  // a name at an offset below this ends inside the section
+  const Byte* expressions;
+  uint64_t expressionRoom;  // an expression at an offset below this begins inside
+  uint64_t fastRoom;        // ... and has three bytes
+  uint64_t addressBase;
+  bool extends;  // addresses have 32 bits and a sign
+
+  Walk(const Table& table, const Section& section)
+      : strings(table.header + table.stringOffset),
+        stringRoom(section.lastNul >= strings ? uint64_t(section.lastNul - strings) + 1 : 0),
+        expressions(table.header + table.expressionOffset),
+        expressionRoom(expressions < section.end ? uint64_t(section.end - expressions) : 0),
+        fastRoom(expressionRoom > 2 ? expressionRoom - 2 : 0),
+        addressBase(table.is11                             ? section.imageBase
+                    : (table.flags & kFlagPcRelative) != 0 ? reinterpret_cast<uint64_t>(table.header)
+                                                           : 0),
+        extends((table.flags & kFlag32Bit) != 0) {}
+};
+
 // False if the entry would leave the section.
-QV_INLINE bool ReadEntry(const Table& table, const Section& section, const Byte* entry,
-                         AnnotationRecord& record) {
-  const bool hasSecondField = table.entryBytes == 20;
-  const Byte* const names = entry + (hasSecondField ? 12 : 8);
-  const uint64_t room = uint64_t(section.end - table.header);
-  const uint64_t name = table.stringOffset + Load<uint32_t>(names);
-  const uint64_t expression = table.expressionOffset + Load<uint32_t>(names + 4);
-  const uint64_t lastNul = uint64_t(section.lastNul - table.header);
-  if (QV_UNLIKELY((name > lastNul) | (expression >= room))) return false;
-  record = {};
-  record.address = AddressOf(table, section, entry);
-  record.name = reinterpret_cast<const char*>(table.header + name);
-  record.expression = table.header + expression;
-  record.probeSize = hasSecondField ? Load<uint32_t>(entry + 8) : 0;
+template <bool kHasSecondField>
+QV_INLINE bool ReadEntry(const Walk& walk, const Byte* entry, AnnotationRecord& record) {
+  const Byte* const offsets = entry + (kHasSecondField ? 12 : 8);
+  const uint64_t name = Load<uint32_t>(offsets);
+  const uint64_t expression = Load<uint32_t>(offsets + 4);
+  if (QV_UNLIKELY(name >= walk.stringRoom)) return false;
+  uint64_t address = Load<uint64_t>(entry);
+  if (walk.extends && (address & 0x80000000u) != 0) address |= 0xFFFFFFFFull << 32;
+  record.address = walk.addressBase + address;
+  record.name = reinterpret_cast<const char*>(walk.strings + name);
+  record.expression = walk.expressions + expression;
+  record.probeSize = kHasSecondField ? Load<uint32_t>(entry + 8) : 0;
   record.hasLocation = 1;
-  const Decoded decoded = DecodeExpression(record.expression, section.end, record);
-  if (QV_UNLIKELY(decoded == Decoded::kUnsupported)) {
-    LogComment("QVRT: Unsupported Dwarf Expression in ZCA");
-  }
+  if (QV_LIKELY(expression < walk.fastRoom) && QV_LIKELY(DecodeFast(record))) return true;
+  if (expression >= walk.expressionRoom) return false;
+  SetPlace(record, {0, 0, 0});
+  const Decoded decoded = DecodeSlow(walk.expressionRoom - expression, record);
+  if (decoded == Decoded::kUnsupported) LogComment("QVRT: Unsupported Dwarf Expression in ZCA");
   return decoded != Decoded::kOutside;
 }
 
-void DeliverEntries(const Table& table, const Section& section, QV_ANNOTATION_CALLBACK callback,
-                    void* context) {
+void Ignore(const AnnotationRecord*, void*) {}
+
+// The number of entries that were skipped.
+template <bool kHasSecondField>
+uint32_t DeliverEntries(const Table& table, const Walk& walk, QV_ANNOTATION_CALLBACK callback,
+                        void* context) {
+  constexpr uint32_t kEntryBytes = kHasSecondField ? 20 : 16;
   uint32_t skipped = 0;
-  // Without a NUL behind the header no name can end inside.
-  if (section.lastNul == nullptr || section.lastNul < table.header) {
-    skipped = table.entryCount;
-  } else {
-    const Byte* entry = table.entries;
-    for (uint32_t i = 0; i < table.entryCount; i++, entry += table.entryBytes) {
-      AnnotationRecord record;
-      if (QV_UNLIKELY(!ReadEntry(table, section, entry, record))) {
-        skipped++;
-      } else if (callback != nullptr) {
-        callback(&record, context);
-      }
+  const Byte* const end = table.entries + table.entryCount * kEntryBytes;
+  for (const Byte* entry = table.entries; entry != end; entry += kEntryBytes) {
+    AnnotationRecord record;
+    if (QV_UNLIKELY(!ReadEntry<kHasSecondField>(walk, entry, record))) {
+      skipped++;
+    } else {
+      callback(&record, context);
     }
   }
+  return skipped;
+}
+
+void DeliverTable(const Table& table, const Section& section, QV_ANNOTATION_CALLBACK callback,
+                  void* context) {
+  if (callback == nullptr) callback = Ignore;
+  const Walk walk(table, section);
+  const uint32_t skipped = table.entryBytes == 20
+                               ? DeliverEntries<true>(table, walk, callback, context)
+                               : DeliverEntries<false>(table, walk, callback, context);
   if (skipped != 0) LogComment("zca_parser: skipped %u zca items that leave their section", skipped);
 }
 
@@ -251,13 +300,6 @@ uint64_t BytesToNext(const Table& table) {
                                                      : table.stringOffset + table.stringBytes;
 }
 
-const Byte* FindLastNul(const Byte* begin, const Byte* end) {
-  while (end != begin) {
-    if (*--end == 0) return end;
-  }
-  return nullptr;
-}
-
 }  // namespace
 }  // namespace qv
 
@@ -266,7 +308,8 @@ void __QvZCAParseAndProcessRecords(uint64_t imageBase, const unsigned char* sect
                                    void* context) {
   if (section == nullptr || sectionBytes == 0) return;
   const unsigned char* const end = section + sectionBytes;
-  const qv::Section bounds = {imageBase, end, qv::FindLastNul(section, end)};
+  const qv::Section bounds = {imageBase, end,
+                              static_cast<const unsigned char*>(memrchr(section, 0, sectionBytes))};
   for (const unsigned char* p = section; p < end;) {
     if (*p == 0) {
       p++;
@@ -274,7 +317,7 @@ void __QvZCAParseAndProcessRecords(uint64_t imageBase, const unsigned char* sect
     }
     qv::Table table;
     if (!qv::ReadHeader(p, bounds, table)) return;
-    qv::DeliverEntries(table, bounds, callback, context);
+    qv::DeliverTable(table, bounds, callback, context);
     const uint64_t step = qv::BytesToNext(table);
     if (step == 0 || step >= uint64_t(end - p)) return;
     p += step;
