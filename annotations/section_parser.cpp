@@ -185,7 +185,7 @@ struct Walk {
         extends((table.flags & kFlag32Bit) != 0) {}
 };
 
-// False if the entry would leave the section.
+// False if the entry would leave the section. hasLocation is set already, as is a probe size of 0.
 template <bool kHasSecondField>
 QV_INLINE bool ReadEntry(const Walk& walk, const Byte* entry, AnnotationRecord& record) {
   const Byte* const offsets = entry + (kHasSecondField ? 12 : 8);
@@ -197,8 +197,7 @@ QV_INLINE bool ReadEntry(const Walk& walk, const Byte* entry, AnnotationRecord& 
   record.address = walk.addressBase + address;
   record.name = reinterpret_cast<const char*>(walk.strings + name);
   record.expression = walk.expressions + expression;
-  record.probeSize = kHasSecondField ? Load<uint32_t>(entry + 8) : 0;
-  record.hasLocation = 1;
+  if (kHasSecondField) record.probeSize = Load<uint32_t>(entry + 8);
   if (QV_LIKELY(expression < walk.fastRoom) && QV_LIKELY(DecodeFast(record))) return true;
   if (expression >= walk.expressionRoom) return false;
   SetPlace(record, {0, 0, 0});
@@ -216,8 +215,10 @@ uint32_t DeliverEntries(const Table& table, const Walk& walk, QV_ANNOTATION_CALL
   constexpr uint32_t kEntryBytes = kHasSecondField ? 20 : 16;
   uint32_t skipped = 0;
   const Byte* const end = table.entries + table.entryCount * kEntryBytes;
+  AnnotationRecord record;  // callbacks get it const: what is the same for all entries is written once
+  record.probeSize = 0;
+  record.hasLocation = 1;
   for (const Byte* entry = table.entries; entry != end; entry += kEntryBytes) {
-    AnnotationRecord record;
     if (QV_UNLIKELY(!ReadEntry<kHasSecondField>(walk, entry, record))) {
       skipped++;
     } else {
