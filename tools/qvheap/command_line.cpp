@@ -85,6 +85,7 @@ CommandLine ReadCommandLine(char** arguments) {
 void PrintHelp(const CommandLine& line) {
   fputs(
       "usage: qvheap [OPTION...] [--] PROGRAM [ARGUMENT...]\n"
+      "       qvheap report [OPTION...] PATH...    qvheap diff [OPTION...] BEFORE AFTER\n"
       "\n"
       "Runs the program and counts what it and every process that comes of it allocates: the results\n"
       "are in DIR/qvheap.<pid>.xml, a log in DIR/qvlog.<pid>.xml.\n",

@@ -84,6 +84,20 @@ void SetEnvironment(const OptionParser& parser, const Options& options, const st
   }
 }
 
+// `qvheap report` and `qvheap diff` are a program of their own (tools/qvheap/report).
+[[noreturn]] void RunReport(char** arguments) {
+  const std::string own = OwnDirectory();
+  for (const char* place : {"/qvheap-report", "/../" QVHEAP_LIBEXECDIR "/qvheap/qvheap-report"}) {
+    execv((own + place).c_str(), arguments);
+    if (errno != ENOENT) Fail(own + place + ": " + strerror(errno));
+  }
+  Fail("qvheap-report is missing: this qvheap was built without libxml2 or libdw");
+}
+
+bool IsReport(const char* word) {
+  return word != nullptr && (strcmp(word, "report") == 0 || strcmp(word, "diff") == 0);
+}
+
 int Launch(const CommandLine& line) {
   if (*line.program == nullptr) Fail("no program is given (qvheap -help tells how)");
   const std::string path = FindProgram(*line.program);
@@ -96,6 +110,7 @@ int Launch(const CommandLine& line) {
 }
 
 int Run(char** arguments) {
+  if (IsReport(arguments[1])) RunReport(arguments);
   const CommandLine line = ReadCommandLine(arguments);
   if (!line.parser.Truth(kOptionHelp) && !line.parser.Truth(kOptionHelpToo)) return Launch(line);
   PrintHelp(line);
