@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "collectors/qvheap/channel.h"
 #include "host/qvhost.h"
 
 namespace qvheap {
@@ -147,6 +148,7 @@ void Settle(ThreadRecord& me) {
   const int64_t balance = BalanceOf(me.counts);
   __atomic_fetch_add(&g_settledLive, balance - me.settled, __ATOMIC_RELAXED);
   me.settled = balance;
+  if (QVHEAP_UNLIKELY(g_channelState == ChannelState::kDue)) OpenChannelIfDue();
 }
 
 // The library ends the process when memory runs out, which no observer may do to the program: ask
@@ -195,6 +197,20 @@ void VisitThreadsLocked(void (*visit)(const ThreadRecord&, bool, void*), void* c
   const ThreadRecord* record = g_running;  // from the oldest, which is last
   while (record != nullptr && record->next != nullptr) record = record->next;
   for (; record != nullptr; record = record->previous) visit(*record, false, context);
+}
+
+// Threads go on counting meanwhile. Each may still store a peak that it found before, so the new peak
+// can be too high by what was released since that moment, or lack what is not settled yet.
+void ResetPeakLocked() {
+  const int64_t live = BalanceOf(SumLocked().counts);
+  g_goneProcessPeak = live;
+  Store(g_shared.processPeak, live);
+  for (ThreadRecord* record = g_running; record != nullptr; record = record->next) {
+    Store(record->processPeak, live);
+  }
+  for (ThreadRecord* record = g_ended; record != nullptr; record = record->next) {
+    Store(record->processPeak, live);
+  }
 }
 
 const Counts& FoldedCountsLocked() { return g_folded; }

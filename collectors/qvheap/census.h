@@ -163,6 +163,8 @@ Totals SumLocked();
 // Calls visit for every thread that still has a record, ended ones first, in order.
 void VisitThreadsLocked(void (*visit)(const ThreadRecord& record, bool ended, void* context),
                         void* context);
+// The process's peak is what is live now. Threads keep theirs.
+void ResetPeakLocked();
 const Counts& FoldedCountsLocked();
 
 }  // namespace qvheap

@@ -49,7 +49,7 @@ template <class Function>
 void Find(Function& function, const char* name) {
   function = reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
   if (function != nullptr) return;
-  constexpr char kText[] = "qvheap: no allocator was found behind the collector\n";
+  constexpr char kText[] = "qvheap: a function of libc was not found behind the collector\n";
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kText, sizeof kText - 1);
   abort();
 }
@@ -72,6 +72,14 @@ void FindRealFunctions() {
   Find(found.pvalloc, "pvalloc");
   Find(found.fclose, "fclose");
   Find(found.fopen, "fopen");
+  Find(found.flock, "flock");
+  Find(found.exit, "_exit");
+  Find(found.quickExit, "quick_exit");
+  Find(found.daemon, "daemon");
+  Find(found.execve, "execve");
+  Find(found.execvpe, "execvpe");
+  Find(found.fexecve, "fexecve");
+  Find(found.execveat, "execveat");
   g_real = found;
 }
 

@@ -1,6 +1,6 @@
 // The allocator underneath, and the arena for what libc allocates on the collector's own behalf.
 //
-// The real functions (fclose and fopen among them: table.h, log.h) are the next ones in the loader's
+// The real functions (those that have nothing to do with memory: table.h, log.h, worker.h, ends.cpp) are the next ones in the loader's
 // search order: libc's, or those of another allocator that the program brings. Finding them may itself
 // allocate, and so may the collector's calls into libc (streams for its files, exit handlers). Such
 // memory comes from a fixed arena: it is not the program's and must not be counted, and a report must
@@ -27,6 +27,14 @@ struct RealFunctions {
   void* (*pvalloc)(size_t);
   int (*fclose)(FILE*);
   FILE* (*fopen)(const char*, const char*);
+  int (*flock)(int, int);
+  void (*exit)(int);  // _exit
+  void (*quickExit)(int);
+  int (*daemon)(int, int);
+  int (*execve)(const char*, char* const*, char* const*);
+  int (*execvpe)(const char*, char* const*, char* const*);
+  int (*fexecve)(int, char* const*, char* const*);
+  int (*execveat)(int, const char*, char* const*, char* const*, int);
 };
 extern RealFunctions g_real;
 

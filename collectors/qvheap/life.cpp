@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include "collectors/qvheap/census.h"
+#include "collectors/qvheap/channel.h"
 #include "collectors/qvheap/heap.h"
 #include "collectors/qvheap/log.h"
+#include "collectors/qvheap/pause.h"
 #include "collectors/qvheap/report.h"
 #include "collectors/qvheap/table.h"
 #include "host/qvhost.h"
@@ -44,15 +46,22 @@ void AfterForkInChild() {
   ForgetAllSizes();
   RestartCensusLocked();
   g_process.pid = getpid();
+  g_process.started = MillisecondsNow();
+  ForgetPauses();
   DropStandardError();
   if (!g_started) return;
   BeginLogLocked();
+  RestartChannelLocked();
   QVHEAP_DUMP_LOCKED(kDumpFork, "process %d came of process %d", g_process.pid, getppid());
 }
 
 void AtExit(int, void*) {
   if (getpid() != g_process.pid) return;  // a child that no fork handler told us of: not its census
   const Inside inside;
+  {
+    const SpinGuard guard(g_censusLock);
+    CloseChannelLocked(ChannelState::kOff);
+  }
   ReportOnce();
 }
 
@@ -95,8 +104,10 @@ __attribute__((constructor)) void Start() {
   NameProgram();
   on_exit(AtExit, nullptr);
   const SpinGuard guard(g_censusLock);
+  g_process.started = MillisecondsNow();
   ReadOptionsLocked();
   g_started = true;
+  StartChannelLocked();
 }
 
 }  // namespace

@@ -18,6 +18,7 @@ struct Process {
   OptionParser parser;
   Options options;
   char program[PATH_MAX];  // what runs here
+  uint64_t started;        // milliseconds, on the clock of pause.h
 };
 extern Process g_process;
 

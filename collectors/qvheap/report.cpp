@@ -9,6 +9,7 @@
 #include "collectors/qvheap/census.h"
 #include "collectors/qvheap/life.h"
 #include "collectors/qvheap/log.h"
+#include "collectors/qvheap/pause.h"
 #include "collectors/qvheap/raised_signals.h"
 #include "collectors/qvheap/table.h"
 #include "host/qvhost.h"
@@ -18,12 +19,10 @@ namespace {
 
 // Census lock.
 constinit bool g_reported = false;
-constinit char g_path[PATH_MAX + 32] = {};
-
-const char* PathLocked(const char* prefix) {
-  snprintf(g_path, sizeof g_path, "%s/%s.%d.xml", g_process.options.directory, prefix, g_process.pid);
-  return g_path;
-}
+constinit char g_path[PATH_MAX + 64] = {};
+constinit char g_partPath[sizeof g_path + 8] = {};
+constinit uint32_t g_writtenMessage = 0;
+constinit uint32_t g_notWrittenMessage = 0;
 
 // ---- The census in XML -----------------------------------------------------------------------------
 
@@ -94,14 +93,17 @@ void WriteOlderThreads(QV_XML_FILE* file, const Totals& totals) {
   __QvXMLWriteClosingTag(file, "olderThreads");
 }
 
-bool WriteCensusLocked(const Totals& totals, const char* path) {
-  QV_XML_FILE* file = __QvXMLCreateFile(path, 0);
+bool WriteFileLocked(const Totals& totals, uint32_t number) {
+  QV_XML_FILE* file = __QvXMLCreateFile(g_partPath, 0);
   if (file == nullptr) return false;
   __QvXMLStartWritingOpeningTag(file, "heap");
   __QvXMLWriteStringAttribute(file, "version", "1.0");
   __QvXMLWriteIntegerAttribute(file, "pid", g_process.pid);
+  __QvXMLWriteStringAttribute(file, "kind", number == 0 ? "end" : "snapshot");
+  if (number != 0) WriteAttribute(file, "number", number);
   __QvXMLFinishWritingOpeningTag(file);
   __QvXMLWriteStringElement(file, "program", g_process.program);
+  __QvXMLWriteLongDecimalElement(file, "paused", int64_t(PausedMillisecondsLocked()));
   WriteProcess(file, totals);
   VisitThreadsLocked(WriteThread, file);
   if (totals.foldedThreads != 0) WriteOlderThreads(file, totals);
@@ -110,24 +112,31 @@ bool WriteCensusLocked(const Totals& totals, const char* path) {
   return CloseXmlFile(file);
 }
 
-// ---- The end -----------------------------------------------------------------------------------------
+// ---- The log ---------------------------------------------------------------------------------------
 
-void LogOutcomeLocked(bool written, int error) {
+uint32_t RegisterMessage(const char* name, const char* const* argumentNames) {
+  const QVLOG_MESSAGE message = {name, argumentNames, 0, 0};
+  return __QvRegisterLogMessage2(&message);
+}
+
+void RegisterMessagesLocked() {
   static const char* const kWrittenNames[] = {"file", nullptr};
   static const char* const kFailedNames[] = {"file", "error", nullptr};
-  const QVLOG_MESSAGE writtenMessage = {"CENSUS_WRITTEN", kWrittenNames, 0, 0};
-  const QVLOG_MESSAGE failedMessage = {"CENSUS_NOT_WRITTEN", kFailedNames, 0, 0};
-  const char* const path = PathLocked("qvheap");
+  if (g_writtenMessage != 0) return;
+  g_writtenMessage = RegisterMessage("CENSUS_WRITTEN", kWrittenNames);
+  g_notWrittenMessage = RegisterMessage("CENSUS_NOT_WRITTEN", kFailedNames);
+}
+
+void LogOutcomeLocked(const char* path, bool written, int error) {
   const LogSession session;
   if (!session.IsOpen()) return;
+  RegisterMessagesLocked();
   if (written) {
-    __QvLogInternal(QVLOG_SEVERITY_INFO, __QvRegisterLogMessage2(&writtenMessage), 0, QVLOG_ARG_STRING,
-                    path);
+    __QvLogInternal(QVLOG_SEVERITY_INFO, g_writtenMessage, 0, QVLOG_ARG_STRING, path);
   } else {
-    __QvLogInternal(QVLOG_SEVERITY_ERROR, __QvRegisterLogMessage2(&failedMessage), 0, QVLOG_ARG_STRING,
-                    path, QVLOG_ARG_INTEGER, error);
+    __QvLogInternal(QVLOG_SEVERITY_ERROR, g_notWrittenMessage, 0, QVLOG_ARG_STRING, path,
+                    QVLOG_ARG_INTEGER, error);
   }
-  EndLogLocked();
 }
 
 }  // namespace
@@ -140,17 +149,34 @@ bool CloseXmlFile(QV_XML_FILE* file) {
   return false;
 }
 
+const char* ResultsPathLocked(uint32_t number) {
+  char ending[16] = "";
+  if (number != 0) snprintf(ending, sizeof ending, ".%u", number);
+  snprintf(g_path, sizeof g_path, "%s/qvheap.%d%s.xml", g_process.options.directory, g_process.pid,
+           ending);
+  return g_path;
+}
+
+bool WriteResultsLocked(const Totals& totals, uint32_t number) {
+  const char* const path = ResultsPathLocked(number);
+  snprintf(g_partPath, sizeof g_partPath, "%s.part", path);
+  errno = 0;
+  const bool written = WriteFileLocked(totals, number) && rename(g_partPath, path) == 0;
+  const int error = errno;
+  if (!written) unlink(g_partPath);
+  LogOutcomeLocked(path, written, error);
+  return written;
+}
+
 void ReportOnce() {
   const RaisedSignals raised;
   const SpinGuard guard(g_censusLock);
   if (g_reported) return;
   g_reported = true;
   const Totals totals = SumLocked();
-  errno = 0;
-  const bool written = WriteCensusLocked(totals, PathLocked("qvheap"));
-  const int error = errno;
-  LogOutcomeLocked(written, error);
-  PrintTableLocked(totals, PathLocked("qvheap"), written);
+  const bool written = WriteResultsLocked(totals, 0);
+  EndLogLocked();
+  PrintTableLocked(totals, ResultsPathLocked(0), written);
 }
 
 }  // namespace qvheap

@@ -12,6 +12,7 @@
 
 #include "collectors/qvheap/census.h"
 #include "collectors/qvheap/heap.h"
+#include "collectors/qvheap/pause.h"
 #include "collectors/qvheap/table.h"
 
 #define QVHEAP_EXPORT __attribute__((visibility("default")))
@@ -26,6 +27,7 @@ QVHEAP_INLINE ThreadRecord* Enter() {
 
 // The outcome of a request: counted if it was granted.
 QVHEAP_INLINE void* Note(ThreadRecord& me, void* block, uint64_t bytes) {
+  if (IsPaused()) return block;
   if (QVHEAP_UNLIKELY(block == nullptr)) {
     Add(me.counts.figures[kFailedRequests], 1);
   } else if (QVHEAP_LIKELY(KeepSize(block, bytes))) {
@@ -90,7 +92,7 @@ QVHEAP_INLINE void NoteReallocation(ThreadRecord& me, uint64_t former, void* mov
   } else {
     Add(me.counts.figures[kUnknownReleases], 1);
   }
-  if (moved == nullptr) return SettleIfFar(me, BalanceOf(me.counts) - me.settled);
+  if (moved == nullptr || IsPaused()) return SettleIfFar(me, BalanceOf(me.counts) - me.settled);
   Add(me.counts.figures[kReallocations], 1);
   Note(me, moved, bytes);
 }

@@ -8,7 +8,8 @@
 #   offered     containers, options, command, annotations,      floor, the two ports, its own folder
 #               modules
 #   outside     collectors, tools                               include/, host/qvhost.h, its own folder; a tool
-#                                                               also the collector of its name
+#                                                               also the collector of its name, and any
+#                                                               collector's command codes
 #               host                                            include/, runtime/atomics.h (inlines alone)
 #
 # The core calls itself in circles (the allocator reports, the log allocates); these rules are what keeps
@@ -38,6 +39,7 @@ wrong=$(awk '
     own["log"] = below "|" ports "|" lookups "|xml/xml_file\\.h"
     own["containers"] = own["options"] = own["command"] = own["annotations"] = own["modules"] = own["memory"]
     own["collectors"] = own["tools"] = "include/.*|host/qvhost\\.h"
+    own["tools"] = own["tools"] "|collectors/[a-z]+/commands\\.h"
     own["host"] = "include/.*|runtime/atomics\\.h"
   }
   function allowed(file,  folder, part) {

@@ -66,6 +66,8 @@ TEST(QvheapOptions, AWrongOneIsALineAndALogAndAStatus) {
       {"-interval 12abc true", "qvheap: -interval needs a number of bytes, and 12abc is none\n",
        "BAD_ARGUMENT", "Bad integer value: 12abc for command line option: -interval"},
       {"-interval 0 true", "qvheap: -interval needs a number of bytes, at least 1\n", nullptr, nullptr},
+      {"-every 1 -nochannel true",
+       "qvheap: -every writes on the command channel, which -nochannel turns off\n", nullptr, nullptr},
       {"-dump fork,xyz true",
        "qvheap: -dump needs a list of channels, and fork,xyz is none; there are ", nullptr, nullptr},
   };
@@ -91,10 +93,10 @@ TEST(QvheapOptions, AWrongOneIsALineAndALogAndAStatus) {
 
 // The values cross a fork and an exec, and a directory's name may hold what the handover uses itself.
 TEST(QvheapOptions, ValuesInForceAreInTheLogOfEveryProcess) {
-  const ChildResult child =
-      Shell("mkdir 'a \\ -quiet  b'; exec " QVHEAP
-            " -exact -no-exact -quiet -interval 0x1000 -every 7 -dump ,none -nochannel -out "
-            "'./a \\ -quiet  b//' sh -c 'cd /; sort /dev/null; (:); exec sort /dev/null'");
+  const ChildResult child = Shell(
+      "mkdir 'a \\ -quiet  b'; exec " QVHEAP
+      " -exact -no-exact -quiet -interval 0x1000 -every 7 -dump ,none -nochannel -no-nochannel -out "
+      "'./a \\ -quiet  b//' sh -c 'cd /; sort /dev/null; (:); exec sort /dev/null'");
   ASSERT_EQ(child.status, 0) << child.err;
   const ChildResult files{0, "", "", child.folder + "/a \\ -quiet  b"};
   const std::vector<std::string> logs = FilesLike(files, "qvlog\\..*");
@@ -107,7 +109,7 @@ TEST(QvheapOptions, ValuesInForceAreInTheLogOfEveryProcess) {
     EXPECT_NE(log.find(Line("-interval", "4096")), std::string::npos) << log;
     EXPECT_NE(log.find(Line("-every", "7")), std::string::npos) << log;
     EXPECT_NE(log.find(Line("-dump", ",none")), std::string::npos) << log;
-    EXPECT_NE(log.find(Line("-nochannel", "true")), std::string::npos) << log;
+    EXPECT_NE(log.find(Line("-nochannel", "false")), std::string::npos) << log;
   }
 }
 

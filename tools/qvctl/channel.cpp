@@ -223,4 +223,11 @@ void Clean(const std::string& directory) {
   close(file);
 }
 
+void AwaitRemoval(const std::string& directory, double limitSeconds) {
+  const std::string path = LockFilePath(directory);
+  for (const Deadline deadline(limitSeconds); access(path.c_str(), F_OK) == 0; Deadline::Pause()) {
+    if (deadline.Passed()) Fail(kTimedOut, "the tool has not closed its channel within the time limit");
+  }
+}
+
 }  // namespace qvctl

@@ -73,4 +73,7 @@ class Channel {
 // Removes what a dead tool left in the directory. Throws kAlive if the tool is alive.
 void Clean(const std::string& directory);
 
+// Returns when the tool has removed its channel.
+void AwaitRemoval(const std::string& directory, double limitSeconds);
+
 }  // namespace qvctl

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tools/qvctl/channel.h"
+#include "tools/qvctl/heap_tool.h"
 
 namespace qvctl {
 namespace {
@@ -21,6 +22,7 @@ constexpr char kUsageText[] =
     "       qvctl DIR wait\n"
     "       qvctl DIR watch\n"
     "       qvctl DIR clean\n"
+    "       qvctl DIR snapshot | pause | resume | reset-peak | stop\n"
     "\n"
     "DIR is the directory in which the tool opened its channel (it holds obkcmds.dat).\n"
     "  status  tells whether a tool is there, alive and ready, and what is pending\n"
@@ -28,8 +30,14 @@ constexpr char kUsageText[] =
     "  wait    returns when the tool has taken all commands\n"
     "  watch   prints a line whenever something changes, until the tool is gone\n"
     "  clean   removes what a dead tool left; never a live one's\n"
-    "Numbers are decimal, 0x hexadecimal or 0 octal. --timeout SECONDS limits send and wait\n"
-    "(default 10).\n"
+    "Those of qvheap, which return when they are done:\n"
+    "  snapshot    writes the results so far, and prints the file's name\n"
+    "  pause       counts no allocations until resume; releases go on\n"
+    "  resume      counts them again\n"
+    "  reset-peak  the peak is what is live now\n"
+    "  stop        closes the channel; counting goes on\n"
+    "Numbers are decimal, 0x hexadecimal or 0 octal. --timeout SECONDS limits whatever waits for the\n"
+    "tool (default 10).\n"
     "\n"
     "exit status: 0 done, 1 usage, 2 no channel, 3 stale lock file, 4 dead tool, 5 not ready,\n"
     "6 area full, 7 timed out, 8 payload too long, 9 no permission, 10 alive (clean), 11 system "
@@ -163,6 +171,10 @@ Status Run(int argc, char** argv) {
       {"status", DoStatus}, {"send", DoSend}, {"wait", DoWait}, {"watch", DoWatch}, {"clean", DoClean}};
   for (const auto& verb : verbs) {
     if (options.verb == verb.verb) return verb.run(options);
+  }
+  if (kHeapCommands.count(options.verb) != 0) {
+    DoHeapCommand(options.directory, options.verb, options.timeoutSeconds);
+    return kOk;
   }
   FailUsage("'" + options.verb + "' is no command of qvctl");
 }

@@ -55,6 +55,9 @@ void LogRefusal(const OptionParser& parser, const Item& item) {
 
 void CheckValues(const OptionParser& parser) {
   if (parser.Number(kOptionInterval) == 0) Fail("-interval needs a number of bytes, at least 1");
+  if (parser.Number(kOptionEvery) != 0 && parser.Truth(kOptionNoChannel)) {
+    Fail("-every writes on the command channel, which -nochannel turns off");
+  }
   const char* const dump = parser.Text(kOptionDump);
   if (dump != nullptr && !SelectDumpChannels(dump)) {
     Fail(std::string("-dump needs a list of channels, and ") + dump + " is none; there are " +

@@ -1,0 +1,147 @@
+// The channel's thread and its lock. Design: collectors/qvheap/worker.h.
+#include "collectors/qvheap/worker.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <setjmp.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "collectors/qvheap/census.h"
+#include "collectors/qvheap/channel.h"
+#include "collectors/qvheap/heap.h"
+#include "collectors/qvheap/life.h"
+#include "collectors/qvheap/pause.h"
+
+namespace qvheap {
+namespace {
+
+constexpr size_t kStackBytes = 1 << 18;  // the library takes 21 KiB of it for the records
+constexpr uint64_t kPatienceMilliseconds = 1000;
+
+struct Work {
+  QV_THREAD_FUNCTION function;
+  intptr_t argument;
+};
+
+constinit Work g_work = {};        // written before the thread is created
+constinit uint32_t g_exists = 0;   // 1 from the creation to the last act of the thread
+constinit int32_t g_threadId = 0;  // the system's
+constinit int g_lockFile = -1;     // while locked; the worker's
+constinit thread_local jmp_buf* t_end = nullptr;
+
+void RunOnce() {
+  jmp_buf end;
+  t_end = &end;
+  if (_setjmp(end) == 0) g_work.function(g_work.argument);
+}
+
+// Whether the worker was only disturbed. If somebody else removed the semaphore, the rest goes too.
+bool ChannelGoesOn() {
+  const SpinGuard guard(g_censusLock);
+  if (g_channelState != ChannelState::kOpen) return false;
+  if (semctl(theCommandHandler.semaphoreId, 0, GETVAL) != -1) return true;
+  CloseChannelLocked(ChannelState::kOff);
+  return false;
+}
+
+void DetachArea() {
+  CollectorCommandHandler& handler = theCommandHandler;
+  if (handler.sharedArea != nullptr) shmdt(handler.sharedArea);
+  handler.sharedArea = nullptr;
+  handler.lockFileDescriptor = handler.sharedMemoryId = handler.semaphoreId = -1;
+}
+
+// Signals were blocked by whoever created the thread. The lock is passed through once: the channel is
+// complete when its opener has let go of it.
+void* RunWorker(void*) {
+  t_inside = true;
+  prctl(PR_SET_NAME, "qvheap");
+  __atomic_store_n(&g_threadId, gettid(), __ATOMIC_RELEASE);
+  { const SpinGuard guard(g_censusLock); }
+  do {
+    RunOnce();
+  } while (ChannelGoesOn());
+  const SpinGuard guard(g_censusLock);
+  DetachArea();
+  __atomic_store_n(&g_exists, 0u, __ATOMIC_RELEASE);
+  return nullptr;
+}
+
+// Called inside the collector, so that the new thread begins with all signals blocked.
+uint32_t CreateWorker(QV_THREAD_FUNCTION function, intptr_t argument, uint64_t, uint64_t* handle) {
+  g_work = {function, argument};
+  g_threadId = 0;
+  g_exists = 1;
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setstacksize(&attributes, kStackBytes);
+  pthread_t thread;
+  const bool created = pthread_create(&thread, &attributes, RunWorker, nullptr) == 0;
+  pthread_attr_destroy(&attributes);
+  if (!created) g_exists = 0;
+  *handle = created;
+  return created;
+}
+
+void ExitWorker(int32_t) { longjmp(*t_end, 1); }
+
+// The channel is ended by its objects' removal, not by the library's shut-down: nobody waits.
+uint32_t WaitForWorker(uint64_t*, uint32_t, int32_t*) { return 1; }
+uint32_t AddFini(QV_FINI_FUNCTION, void*) { return 1; }
+
+bool ThreadIsGone(int32_t threadId) {
+  return threadId != 0 && syscall(SYS_tgkill, getpid(), threadId, 0) == -1 && errno == ESRCH;
+}
+
+// Of the worker, on kOpenedWhenLocked. Between the two the census lock is held.
+int LockForWorker(int operation) {
+  if ((operation & LOCK_UN) == 0) {
+    __QvAcquireSpinLock(&g_censusLock);
+    g_lockFile = g_channelState == ChannelState::kOpen
+                     ? safeOpen(theCommandHandler.lockFilePath, O_RDWR | O_CLOEXEC, 0)
+                     : -1;
+    if (g_lockFile != -1 && g_real.flock(g_lockFile, operation) == 0) return 0;
+  }
+  const int descriptor = g_lockFile;
+  g_lockFile = -1;
+  if (descriptor != -1) close(descriptor);
+  __QvReleaseSpinLock(&g_censusLock);
+  return (operation & LOCK_UN) != 0 ? 0 : -1;
+}
+
+}  // namespace
+
+void InstallWorkerServices() { __QvSetThreadProcs(CreateWorker, ExitWorker, WaitForWorker, AddFini); }
+
+bool WorkerExists() { return __atomic_load_n(&g_exists, __ATOMIC_ACQUIRE) != 0; }
+
+void AwaitWorkersEnd() {
+  const uint64_t end = MillisecondsNow() + kPatienceMilliseconds;
+  const int32_t threadId = __atomic_load_n(&g_threadId, __ATOMIC_ACQUIRE);
+  while (threadId != 0 && !ThreadIsGone(threadId) && MillisecondsNow() < end) sched_yield();
+}
+
+void ForgetWorker() {
+  DetachArea();
+  g_exists = 0;
+  g_threadId = 0;
+  g_lockFile = -1;
+}
+
+}  // namespace qvheap
+
+// The program's calls, and the library's of the worker.
+__attribute__((visibility("default"))) int flock(int descriptor, int operation) noexcept {
+  using namespace qvheap;
+  if (descriptor == kOpenedWhenLocked && t_inside) return LockForWorker(operation);
+  if (QVHEAP_UNLIKELY(g_real.flock == nullptr)) EnterSlow();
+  return g_real.flock(descriptor, operation);
+}

@@ -1,0 +1,28 @@
+// The thread that serves the command channel, and its lock. The library creates and runs it through the
+// thread services that a tool installs; these are the collector's own.
+//
+// The thread is inside the collector from its first instruction to its last: what it does is not
+// counted, it is no thread of the census, and no signal handler of the program's runs on it. Nobody
+// waits for it, hence it is detached: whoever ends the channel may be a signal handler's exit, amid
+// whatever that thread was doing.
+//
+// A wait on a semaphore ends whenever a signal is looked at: after a stop (Ctrl-Z), under a debugger,
+// when the program changes its user id and libc tells every thread. The library's worker then ends by
+// contract, so here it begins again as long as the channel is open.
+//
+// The lock file. The library locks the descriptor in theCommandHandler, which is none: its call of flock
+// comes to the collector first, which opens the file for the time of the lock. The census lock is held
+// meanwhile, so that no fork hands the descriptor to a child.
+#pragma once
+
+namespace qvheap {
+
+inline constexpr int kOpenedWhenLocked =
+    -2;  // stands for the lock file's descriptor; not -1, which is none
+
+void InstallWorkerServices();
+bool WorkerExists();
+void AwaitWorkersEnd();  // until the system knows the thread no more; at most a second
+void ForgetWorker();     // in a child process: there is none, and its channel is detached
+
+}  // namespace qvheap
