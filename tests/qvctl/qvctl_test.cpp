@@ -169,6 +169,26 @@ TEST_F(Qvctl, EveryStateHasItsExitStatusAndMessage) {
   EXPECT_EQ(Ctl("status").status, 2);
 }
 
+// A command by name is its code, and one that does nothing behind it, which is taken when the first is
+// done: the snapshot that this tool has not written is missed at once.
+TEST_F(Qvctl, CommandsByNameAreDoneWhenTheyReturn) {
+  EXPECT_EQ(Ctl("snapshot").status, 2);
+  EXPECT_EQ(Ctl("pause now").status, 1);
+  EXPECT_EQ(Ctl("pause --payload x").status, 1);
+  StartTool();
+  EXPECT_EQ(Ctl("resume").status, 0);
+  EXPECT_EQ(Output(), "up\n3 0 \n0 0 \n");
+  EXPECT_EQ(Ctl("reset-peak").status, 0);
+  EXPECT_EQ(Output(), "up\n3 0 \n0 0 \n4 0 \n0 0 \n");
+  EXPECT_EQ(Ctl("pause --timeout 0.2").status, 7);  // this tool's code 2: busy
+  std::ofstream(folder_ + "/go") << "on";
+  EXPECT_EQ(Ctl("wait").status, 0);
+  EXPECT_EQ(Ctl("stop --timeout 0.2").status, 7);  // it knows of no such thing
+  const Result snapshot = Ctl("snapshot");         // its code 1 ends it
+  EXPECT_NE(snapshot.status, 0);
+  EXPECT_EQ(StopTool(0), 0);
+}
+
 TEST_F(Qvctl, WatchEndsWithTheTool) {
   StartTool();
   FILE* const watch = popen((QVCTL " " + folder_ + " watch").c_str(), "r");

@@ -2,6 +2,7 @@
 #include "tests/qvheap/shell.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -11,6 +12,8 @@ namespace qvtest {
 
 ChildResult Shell(const std::string& line) {
   return RunChild([&] {
+    unshare(
+        CLONE_NEWIPC);  // what a killed program leaves goes with its namespace, where we may have one
     execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
     _exit(97);
   });

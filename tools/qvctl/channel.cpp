@@ -13,6 +13,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 namespace qvctl {
 namespace {
 
@@ -202,6 +204,13 @@ void RemoveSemaphore(const std::string& path) {
   if (id != -1 && semctl(id, 0, IPC_RMID) != 0) FailSystem(kSystem, "the semaphore");
 }
 
+// A folder that the tool had made for this one process, by its id, is part of what it left.
+void RemoveFolder(const std::string& directory, pid_t creator) {
+  std::error_code error;
+  const auto folder = std::filesystem::canonical(directory, error);
+  if (!error && folder.filename() == std::to_string(creator)) rmdir(folder.c_str());
+}
+
 }  // namespace
 
 void Clean(const std::string& directory) {
@@ -212,7 +221,7 @@ void Clean(const std::string& directory) {
     Fail(kAlive, path + " is locked: somebody is using the channel; nothing was removed");
   }
   LockFileContent content;
-  shmid_ds info;
+  shmid_ds info = {};
   if (ReadContent(file, content) && FindSegment(content.segmentId, info)) {
     if (info.shm_nattch > 0) Fail(kAlive, "the tool is alive; nothing was removed");
     RemoveSegment(content.segmentId);
@@ -221,6 +230,7 @@ void Clean(const std::string& directory) {
   RemoveOrphanedSegments();
   if (unlink(path.c_str()) != 0) FailSystem(kSystem, path);
   close(file);
+  RemoveFolder(directory, info.shm_cpid);
 }
 
 void AwaitRemoval(const std::string& directory, double limitSeconds) {
