@@ -13,16 +13,20 @@ namespace {
 
 constexpr int32_t kTopLevelLimit = 10;
 constexpr int kRaiseAtMost = 0x0CCCCCCB;  // a draw of rand() up to this raises: one in ten
-constexpr uint32_t kFirstCapacity = 64;
+constexpr uint32_t kNode = 8;             // starts that are compared at once: a cache line
+constexpr uint32_t kIndexLevels = 11;
+constexpr uint32_t kFirstCapacity = kNode * kNode;
 
 // Process-wide state.
 constinit ModuleRecord* g_moduleList = nullptr;  // the sentinel
 constinit int32_t g_topLevel = 0;
 struct Index {
-  uint64_t* starts;
+  uint64_t* levels[kIndexLevels];  // 0: the starts; above: every eighth of the level below; one block
   ModuleRecord** records;
-  uint32_t count;
-  uint32_t capacity;
+  uint32_t count;     // of records and starts
+  uint32_t capacity;  // of level 0, in whole nodes, as are the levels above
+  uint32_t top;       // the first level of at most two nodes
+  bool topIsWide;     // it has two
 };
 constinit Index g_index = {};
 
@@ -61,51 +65,102 @@ bool IsAt(const ModuleRecord* record, uint64_t start) {
   return record != g_moduleList && record->start == start;
 }
 
-// The number of starts below `key`. `probe` is a step forward or none: a conditional move.
-QV_INLINE uint32_t CountStartsBelow(uint64_t key) {
-  const uint64_t* base = g_index.starts;
-  uint32_t length = g_index.count;
-  if (length == 0) return 0;
-  while (length > 1) {
-    const uint32_t half = length / 2;
-    const uint64_t* const probe = base + half;
-    base = probe[-1] < key ? probe : base;
-    length -= half;
+constexpr uint32_t NodesFor(uint32_t count) { return count / kNode + (count % kNode != 0); }
+
+// Comparisons that do not wait for each other, each an add of the carry.
+QV_INLINE uint32_t CountBelow(const uint64_t* node, uint64_t key) {
+  uint32_t even = 0, odd = 0;
+#pragma GCC unroll 4
+  for (uint32_t i = 0; i < kNode; i += 2) {
+    even += node[i] < key;
+    odd += node[i + 1] < key;
   }
-  return uint32_t(base - g_index.starts) + (*base < key);
+  return even + odd;
 }
 
-template <class T>
-T* Grown(T* former, uint32_t count, uint32_t capacity) {
-  T* const grown = static_cast<T*>(Allocate(kMisc, uint32_t(capacity * sizeof(T))));
-  if (count != 0) memcpy(grown, former, count * sizeof(T));
-  Release(former);
-  return grown;
+// The number of starts below `key`. On each level it is found within one node: the level above told
+// that the node's first start is below the key and the next node's is not.
+QV_INLINE uint32_t CountStartsBelow(uint64_t key) {
+  const Index& index = g_index;
+  if (QV_UNLIKELY(index.count == 0)) return 0;
+  uint32_t level = index.top;
+  uint32_t below = CountBelow(index.levels[level], key);
+  if (index.topIsWide) below += CountBelow(index.levels[level] + kNode, key);
+  if (below == 0) return 0;
+  while (level-- != 0) {
+    const uint32_t first = (below - 1) * kNode;
+    below = first + CountBelow(index.levels[level] + first, key);
+  }
+  return below;
+}
+
+// Makes room for more: twice as many, or for the first.
+void GrowIndex() {
+  Index& index = g_index;
+  uint64_t* const formerStarts = index.levels[0];
+  ModuleRecord** const formerRecords = index.records;
+  index.capacity = index.capacity == 0 ? kFirstCapacity : index.capacity * 2;
+  size_t starts = 0;
+  size_t offsets[kIndexLevels];
+  uint32_t capacity = index.capacity;
+  for (uint32_t level = 0; level < kIndexLevels; level++) {
+    offsets[level] = starts;
+    starts += capacity;
+    capacity = NodesFor(NodesFor(capacity)) * kNode;
+  }
+  index.levels[0] = static_cast<uint64_t*>(Allocate(kMisc, uint32_t(starts * sizeof(uint64_t))));
+  for (uint32_t level = 1; level < kIndexLevels; level++) {
+    index.levels[level] = index.levels[0] + offsets[level];
+  }
+  index.records =
+      static_cast<ModuleRecord**>(Allocate(kMisc, uint32_t(index.capacity * sizeof(ModuleRecord*))));
+  if (index.count == 0) return;
+  memcpy(index.levels[0], formerStarts, index.count * sizeof(uint64_t));
+  memcpy(index.records, formerRecords, index.count * sizeof(ModuleRecord*));
+  Release(formerStarts);
+  Release(formerRecords);
+}
+
+// Works the levels above out anew, and fills the last nodes with starts that are below nothing.
+void BuildUpperLevels() {
+  Index& index = g_index;
+  uint32_t count = index.count;
+  for (uint32_t level = 0;; level++) {
+    uint64_t* const starts = index.levels[level];
+    for (uint32_t i = count; i % kNode != 0; i++) starts[i] = UINT64_MAX;
+    if (count <= 2 * kNode) {
+      index.top = level;
+      index.topIsWide = count > kNode;
+      return;
+    }
+    count = NodesFor(count);
+    for (uint32_t i = 0; i < count; i++) index.levels[level + 1][i] = starts[i * kNode];
+  }
 }
 
 void InsertIntoIndex(ModuleRecord* record) {
   Index& index = g_index;
-  if (index.count == index.capacity) {
-    index.capacity = index.capacity == 0 ? kFirstCapacity : index.capacity * 2;
-    index.starts = Grown(index.starts, index.count, index.capacity);
-    index.records = Grown(index.records, index.count, index.capacity);
-  }
   const uint32_t at = CountStartsBelow(record->start);
+  if (index.count == index.capacity) GrowIndex();
+  uint64_t* const starts = index.levels[0];
   const uint32_t behind = index.count - at;
-  memmove(index.starts + at + 1, index.starts + at, behind * sizeof(uint64_t));
+  memmove(starts + at + 1, starts + at, behind * sizeof(uint64_t));
   memmove(index.records + at + 1, index.records + at, behind * sizeof(ModuleRecord*));
-  index.starts[at] = record->start;
+  starts[at] = record->start;
   index.records[at] = record;
   index.count++;
+  BuildUpperLevels();
 }
 
 void RemoveFromIndex(uint64_t start) {
   Index& index = g_index;
+  uint64_t* const starts = index.levels[0];
   const uint32_t at = CountStartsBelow(start);
   const uint32_t behind = index.count - at - 1;
-  memmove(index.starts + at, index.starts + at + 1, behind * sizeof(uint64_t));
+  memmove(starts + at, starts + at + 1, behind * sizeof(uint64_t));
   memmove(index.records + at, index.records + at + 1, behind * sizeof(ModuleRecord*));
   index.count--;
+  BuildUpperLevels();
 }
 
 // One time in ten, while there is a level left, the list grows by one.
@@ -121,8 +176,9 @@ const char* ValidateModuleTable() {
   uint32_t count = 0;
   for (const ModuleRecord* r = g_moduleList->forward[0]; r != g_moduleList; r = r->forward[0]) {
     if (count >= g_index.count || g_index.records[count] != r) return "index and list differ";
-    if (g_index.starts[count] != r->start) return "the index holds another start";
-    if (count > 0 && g_index.starts[count - 1] >= r->start) return "the order is wrong";
+    if (g_index.levels[0][count] != r->start) return "the index holds another start";
+    if (count > 0 && g_index.levels[0][count - 1] >= r->start) return "the order is wrong";
+    if (CountStartsBelow(r->start) != count) return "the index does not lead to a start";
     count++;
   }
   if (count != g_index.count) return "the index is longer than the list";
