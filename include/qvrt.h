@@ -664,8 +664,8 @@ typedef struct ModuleRecord {
   struct ModuleRecord* forward[1]; /* the next record on each of its levels; the sentinel ends them */
 } ModuleRecord;
 
-/* The new record; the sentinel, which is no module, if one with this start exists already. Overlaps are
- * not checked. Linear in the number of modules. */
+/* The new record, to be read only; the sentinel, which is no module, if one with this start exists
+ * already. Overlaps are not checked. Linear in the number of modules. */
 QV_API ModuleRecord* __QvLoadModule(uint64_t handle, uint64_t start, uint64_t end);
 QV_API void __QvUnloadModule(uint64_t handle, uint64_t start); /* the handle is not used */
 /* The start of the module with start < address < end, its handle in *handleOut (may be null); else 0

@@ -20,13 +20,17 @@ constexpr uint32_t kFirstCapacity = kNode * kNode;
 // Process-wide state.
 constinit ModuleRecord* g_moduleList = nullptr;  // the sentinel
 constinit int32_t g_topLevel = 0;
+struct Module {
+  uint64_t end, handle;
+};
 struct Index {
-  uint64_t* levels[kIndexLevels];  // 0: the starts; above: every eighth of the level below; one block
-  ModuleRecord** records;
-  uint32_t count;     // of records and starts
-  uint32_t capacity;  // of level 0, in whole nodes, as are the levels above
-  uint32_t top;       // the first level of at most two nodes
-  bool topIsWide;     // it has two
+  uint64_t* block;                 // all of it
+  uint64_t* levels[kIndexLevels];  // 0: the starts; above: every eighth of the level below
+  Module* modules;                 // what a look-up answers, beside the starts
+  uint32_t count;                  // of modules
+  uint32_t capacity;               // of level 0, in whole nodes, as are the levels above
+  uint32_t top;                    // the first level of at most two nodes
+  bool topIsWide;                  // it has two
 };
 constinit Index g_index = {};
 
@@ -94,31 +98,28 @@ QV_INLINE uint32_t CountStartsBelow(uint64_t key) {
   return below;
 }
 
-// Makes room for more: twice as many, or for the first.
+// Makes room for more: twice as many, or for the first. One block, aligned for the nodes.
 void GrowIndex() {
   Index& index = g_index;
-  uint64_t* const formerStarts = index.levels[0];
-  ModuleRecord** const formerRecords = index.records;
-  index.capacity = index.capacity == 0 ? kFirstCapacity : index.capacity * 2;
-  size_t starts = 0;
+  const Index former = index;
+  index.capacity = former.capacity == 0 ? kFirstCapacity : former.capacity * 2;
+  size_t words = 0;
   size_t offsets[kIndexLevels];
   uint32_t capacity = index.capacity;
   for (uint32_t level = 0; level < kIndexLevels; level++) {
-    offsets[level] = starts;
-    starts += capacity;
+    offsets[level] = words;
+    words += capacity;
     capacity = NodesFor(NodesFor(capacity)) * kNode;
   }
-  index.levels[0] = static_cast<uint64_t*>(Allocate(kMisc, uint32_t(starts * sizeof(uint64_t))));
-  for (uint32_t level = 1; level < kIndexLevels; level++) {
-    index.levels[level] = index.levels[0] + offsets[level];
-  }
-  index.records =
-      static_cast<ModuleRecord**>(Allocate(kMisc, uint32_t(index.capacity * sizeof(ModuleRecord*))));
-  if (index.count == 0) return;
-  memcpy(index.levels[0], formerStarts, index.count * sizeof(uint64_t));
-  memcpy(index.records, formerRecords, index.count * sizeof(ModuleRecord*));
-  Release(formerStarts);
-  Release(formerRecords);
+  const size_t bytes = (words + kNode) * sizeof(uint64_t) + index.capacity * sizeof(Module);
+  index.block = static_cast<uint64_t*>(Allocate(kMisc, uint32_t(bytes)));
+  uint64_t* const first = index.block + kNode - reinterpret_cast<uintptr_t>(index.block) / 8 % kNode;
+  for (uint32_t level = 0; level < kIndexLevels; level++) index.levels[level] = first + offsets[level];
+  index.modules = reinterpret_cast<Module*>(first + words);
+  if (former.count == 0) return;  // only the first time
+  memcpy(index.levels[0], former.levels[0], former.count * sizeof(uint64_t));
+  memcpy(index.modules, former.modules, former.count * sizeof(Module));
+  Release(former.block);
 }
 
 // Works the levels above out anew, and fills the last nodes with starts that are below nothing.
@@ -138,16 +139,16 @@ void BuildUpperLevels() {
   }
 }
 
-void InsertIntoIndex(ModuleRecord* record) {
+void InsertIntoIndex(const ModuleRecord* record) {
   Index& index = g_index;
   const uint32_t at = CountStartsBelow(record->start);
   if (index.count == index.capacity) GrowIndex();
   uint64_t* const starts = index.levels[0];
   const uint32_t behind = index.count - at;
   memmove(starts + at + 1, starts + at, behind * sizeof(uint64_t));
-  memmove(index.records + at + 1, index.records + at, behind * sizeof(ModuleRecord*));
+  memmove(index.modules + at + 1, index.modules + at, behind * sizeof(Module));
   starts[at] = record->start;
-  index.records[at] = record;
+  index.modules[at] = {record->end, record->handle};
   index.count++;
   BuildUpperLevels();
 }
@@ -158,7 +159,7 @@ void RemoveFromIndex(uint64_t start) {
   const uint32_t at = CountStartsBelow(start);
   const uint32_t behind = index.count - at - 1;
   memmove(starts + at, starts + at + 1, behind * sizeof(uint64_t));
-  memmove(index.records + at, index.records + at + 1, behind * sizeof(ModuleRecord*));
+  memmove(index.modules + at, index.modules + at + 1, behind * sizeof(Module));
   index.count--;
   BuildUpperLevels();
 }
@@ -175,7 +176,9 @@ const char* ValidateModuleTable() {
   if (g_moduleList == nullptr) return g_index.count == 0 ? nullptr : "an index without a list";
   uint32_t count = 0;
   for (const ModuleRecord* r = g_moduleList->forward[0]; r != g_moduleList; r = r->forward[0]) {
-    if (count >= g_index.count || g_index.records[count] != r) return "index and list differ";
+    if (count >= g_index.count) return "the index is shorter than the list";
+    const Module& module = g_index.modules[count];
+    if (module.end != r->end || module.handle != r->handle) return "the index holds another module";
     if (g_index.levels[0][count] != r->start) return "the index holds another start";
     if (count > 0 && g_index.levels[0][count - 1] >= r->start) return "the order is wrong";
     if (CountStartsBelow(r->start) != count) return "the index does not lead to a start";
@@ -234,8 +237,8 @@ void __QvUnloadModule(uint64_t, uint64_t start) {
 uint64_t __QvGetModuleForVariable(uint64_t address, uint64_t* handleOut) {
   const uint32_t below = qv::CountStartsBelow(address);
   if (below == 0) return 0;
-  const ModuleRecord* const module = qv::g_index.records[below - 1];
-  if (address >= module->end) return 0;
-  if (handleOut != nullptr) *handleOut = module->handle;
-  return module->start;
+  const qv::Module& module = qv::g_index.modules[below - 1];
+  if (address >= module.end) return 0;
+  if (handleOut != nullptr) *handleOut = module.handle;
+  return qv::g_index.levels[0][below - 1];
 }
