@@ -7,14 +7,15 @@
 #include <unistd.h>
 
 #include "collectors/qvheap/channel.h"
-#include "host/qvhost.h"
+#include "collectors/qvheap/profile.h"
+#include "collectors/qvheap/room.h"
 
 namespace qvheap {
 namespace {
 
 constexpr uint32_t kEndedKept = 1000;
 constexpr uint32_t kLineBytes = 64;
-constexpr uint32_t kSlabBytes = 65536;
+constexpr uint32_t kYieldsForLookers = 20000;  // some ten milliseconds; a look takes microseconds
 
 // Under the census lock, but for the fields that threads count into.
 constinit ThreadRecord* g_running = nullptr;  // newest first
@@ -83,7 +84,7 @@ ThreadRecord* FoldOldestLocked() {
 
 // A cache line of its own, since its thread writes it all the time.
 ThreadRecord* NewRecordLocked() {
-  char* const memory = static_cast<char*>(AllocateLocked(sizeof(ThreadRecord) + kLineBytes));
+  char* const memory = static_cast<char*>(Allocate(kRoomThreads, sizeof(ThreadRecord) + kLineBytes));
   if (memory == nullptr) return nullptr;
   const uint64_t past = reinterpret_cast<uint64_t>(memory) % kLineBytes;
   return reinterpret_cast<ThreadRecord*>(memory + (kLineBytes - past) % kLineBytes);
@@ -99,12 +100,16 @@ ThreadRecord* UnusedRecordLocked() {
   return folded != nullptr ? folded : NewRecordLocked();
 }
 
+// A record that is used again still has the tallies of the thread before.
 void BeginLocked(ThreadRecord& record) {
+  QV_VECTOR* const tallies = record.tallies;
   record = {};
   record.threadId = MyThreadId();
   record.mayOwe = kSettleBytes;
+  record.tallies = tallies;
   LinkRunningLocked(record);
-  g_threads++;
+  record.ordinal = uint32_t(++g_threads);
+  BeginLooks(record);
 }
 
 ThreadRecord* StartRecordLocked() {
@@ -129,6 +134,7 @@ void DropLocked(ThreadRecord*& list, const ThreadRecord* except) {
 void ThreadEnded(void* argument) {
   ThreadRecord& record = *static_cast<ThreadRecord*>(argument);
   const Inside inside;
+  EndLooks(record);
   const SpinGuard guard(g_censusLock);
   record.mayOwe = 0;
   Settle(record);
@@ -140,6 +146,7 @@ void ThreadEnded(void* argument) {
 
 constinit int64_t g_settledLive = 0;
 constinit QV_SPIN_LOCK g_censusLock = {};
+constinit uint32_t g_forking = 0;
 constinit thread_local ThreadRecord* t_counting = nullptr;
 constinit thread_local ThreadRecord* t_record = nullptr;
 constinit thread_local bool t_inside = false;
@@ -149,15 +156,6 @@ void Settle(ThreadRecord& me) {
   __atomic_fetch_add(&g_settledLive, balance - me.settled, __ATOMIC_RELAXED);
   me.settled = balance;
   if (QVHEAP_UNLIKELY(g_channelState == ChannelState::kDue)) OpenChannelIfDue();
-}
-
-// The library ends the process when memory runs out, which no observer may do to the program: ask
-// first. Nobody else takes memory from the host, since all our calls are under the census lock.
-void* AllocateLocked(uint32_t bytes) {
-  void* const probe = QvHostAllocate(bytes + 64 > kSlabBytes - 16 ? bytes + 64 : kSlabBytes - 16);
-  if (probe == nullptr) return nullptr;
-  QvHostFree(probe);
-  return __QvMalloc(0, bytes, 0);
 }
 
 void InstallCensus() {
@@ -176,6 +174,32 @@ ThreadRecord* RegisterThread() {
   if (record != &g_shared) pthread_setspecific(g_key, record);
   return record;
 }
+
+void WaitForForkSlow(ThreadRecord& me) {
+  do {
+    __atomic_store_n(&me.looking, 0, __ATOMIC_RELEASE);
+    while (Load(g_forking) != 0) __QvYield();
+    __atomic_exchange_n(&me.looking, 1, __ATOMIC_SEQ_CST);
+  } while (Load(g_forking) != 0);
+}
+
+bool StopLookersLocked() {
+  __atomic_exchange_n(&g_forking, 1, __ATOMIC_SEQ_CST);
+  uint32_t yields = 0;
+  const ThreadRecord* const lists[] = {g_running, g_ended};
+  for (const ThreadRecord* list : lists) {
+    for (const ThreadRecord* record = list; record != nullptr; record = record->next) {
+      if (record == t_record) continue;  // a handler forks; where it interrupted is not where it looks
+      while (__atomic_load_n(&record->looking, __ATOMIC_ACQUIRE) != 0) {
+        if (++yields > kYieldsForLookers) return false;
+        __QvYield();
+      }
+    }
+  }
+  return true;
+}
+
+void LetLookersGo() { __atomic_store_n(&g_forking, 0, __ATOMIC_RELEASE); }
 
 void RestartCensusLocked() {
   ThreadRecord* const mine = t_record;
@@ -211,6 +235,10 @@ void ResetPeakLocked() {
   for (ThreadRecord* record = g_ended; record != nullptr; record = record->next) {
     Store(record->processPeak, live);
   }
+}
+
+void ForEachRunningLocked(void (*visit)(ThreadRecord&)) {
+  for (ThreadRecord* record = g_running; record != nullptr; record = record->next) visit(*record);
 }
 
 const Counts& FoldedCountsLocked() { return g_folded; }

@@ -22,9 +22,10 @@
 //  (2) t_counting is null in a thread without a record and while the thread is inside the collector;
 //  what
 //      the collector itself has libc allocate is served by the arena and not counted.
-//  (3) The lists, the tables of sizes and every call into the library that allocates, logs or writes
-//  XML are
-//      under g_censusLock. A fork takes it, so no thread is inside the library when a child comes into
+//  (3) The lists, the tables of sizes and every call into the library that logs or writes XML are under
+//      g_censusLock. A fork takes it.
+//  (4) Whoever else calls the library, or holds a lock of the collector's other than the census lock, is
+//      Looking. A fork waits until nobody is, so no thread is inside the library when a child comes into
 //      being.
 #pragma once
 
@@ -32,6 +33,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include "collectors/qvheap/sampling.h"
 #include "collectors/qvheap/sizes.h"
 #include "collectors/qvheap/words.h"
 
@@ -62,7 +64,14 @@ struct ThreadRecord {
   int64_t settled;      // the part of the balance that is in g_settledLive
   int64_t mayOwe;       // how far the balance may be from it: kSettleBytes, 0 once the thread has ended
   int64_t processPeak;  // the highest total that this thread saw
+  int64_t untilLook = kNeverLook;  // bytes up to the next allocation that is looked at (sampling.h)
+  uint32_t looking;                // 1 while the thread is Looking
   uint32_t threadId;
+  uint32_t ordinal;                  // of all threads, from 1: ids are used again
+  uint32_t freeRecord, freeRecords;  // blocks.h: the first one's number, how many
+  uint64_t random;
+  uint64_t bytesAtPoint;  // allocated when the thread was last asked for the timeline
+  QV_VECTOR* tallies;     // tallies.h
   ThreadRecord* next;
   ThreadRecord* previous;  // among the running ones
 };
@@ -75,15 +84,25 @@ extern constinit thread_local ThreadRecord* t_counting;
 extern constinit thread_local ThreadRecord* t_record;
 extern constinit thread_local bool t_inside;
 
-// While it lives, the calling thread is inside the collector (2), and no signal handler of the program
-// runs on it: one that calls exit must not find our locks taken. errno is the program's.
+// No signal handler of the program runs on the thread: one that calls exit must not find locks taken that
+// the report needs, or the library in the middle of something.
+class SignalsBlocked : NonCopyable {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &former_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+
+ private:
+  sigset_t former_;
+};
+
+// While it lives, the calling thread is inside the collector (2), without signals. errno is the program's.
 class Inside : NonCopyable {
  public:
   Inside() : nested_(t_inside), errno_(errno) {
-    if (nested_) return;
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &signals_);
     t_inside = true;
     t_counting = nullptr;
   }
@@ -92,13 +111,44 @@ class Inside : NonCopyable {
     if (nested_) return;
     t_inside = false;
     t_counting = t_record;
-    pthread_sigmask(SIG_SETMASK, &signals_, nullptr);
   }
 
  private:
+  const SignalsBlocked signals_;
   const bool nested_;
   const int errno_;
-  sigset_t signals_;
+};
+
+// While it lives, the calling thread is inside the collector (2) to look at a block (4). Signals are not
+// blocked: that would cost more than the look. So a handler may come at any time, find the thread inside
+// (what it allocates comes from the arena), and never return; what it may then need, the report, must
+// not wait for anything that a thread holds while it looks and lets signals through. Those are the locks of
+// sites alone, and they are recursive. Whatever else is done meanwhile blocks signals.
+extern uint32_t g_forking;
+QVHEAP_COLD void WaitForForkSlow(ThreadRecord& me);
+class Looking : NonCopyable {
+ public:
+  explicit Looking(ThreadRecord& me)
+      : me_(me), nested_(t_inside), wasLooking_(Load(me.looking)), errno_(errno) {
+    t_inside = true;
+    t_counting = nullptr;
+    // A full barrier: either the thread that forks sees us, or we see it.
+    __atomic_exchange_n(&me.looking, 1, __ATOMIC_SEQ_CST);
+    if (QVHEAP_UNLIKELY(Load(g_forking) != 0) && wasLooking_ == 0) WaitForForkSlow(me);
+  }
+  ~Looking() {
+    __atomic_store_n(&me_.looking, wasLooking_, __ATOMIC_RELEASE);
+    errno = errno_;
+    if (nested_) return;
+    t_inside = false;
+    t_counting = t_record;
+  }
+
+ private:
+  ThreadRecord& me_;
+  const bool nested_;
+  const uint32_t wasLooking_;
+  const int errno_;
 };
 
 // The record of a thread that has none in t_counting: null if the thread is inside the collector. The
@@ -147,11 +197,14 @@ QVHEAP_INLINE void CountRelease(ThreadRecord& me, uint64_t bytes) {
 
 // ---- For the collector's other files ---------------------------------------------------------------
 
-void* AllocateLocked(uint32_t bytes);  // from the library; null if there is no memory
-
 void InstallCensus();            // the key by which the end of a thread is learnt
 ThreadRecord* RegisterThread();  // never null
 void RestartCensusLocked();      // in a child process: the calling thread alone, all figures 0
+
+// Before a fork. False if somebody went on Looking for so long that it may be waiting for what the forking
+// thread's fork keeps from it; the child must then leave alone what lookers use.
+bool StopLookersLocked();
+void LetLookersGo();
 
 struct Totals {
   Counts counts;     // peakBytes: of the process
@@ -166,5 +219,6 @@ void VisitThreadsLocked(void (*visit)(const ThreadRecord& record, bool ended, vo
 // The process's peak is what is live now. Threads keep theirs.
 void ResetPeakLocked();
 const Counts& FoldedCountsLocked();
+void ForEachRunningLocked(void (*visit)(ThreadRecord& record));
 
 }  // namespace qvheap

@@ -80,6 +80,7 @@ void FindRealFunctions() {
   Find(found.execvpe, "execvpe");
   Find(found.fexecve, "fexecve");
   Find(found.execveat, "execveat");
+  Find(found.dlclose, "dlclose");
   g_real = found;
 }
 

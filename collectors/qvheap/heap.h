@@ -26,6 +26,7 @@ struct RealFunctions {
   void* (*valloc)(size_t);
   void* (*pvalloc)(size_t);
   int (*fclose)(FILE*);
+  int (*dlclose)(void*);
   FILE* (*fopen)(const char*, const char*);
   int (*flock)(int, int);
   void (*exit)(int);  // _exit

@@ -11,7 +11,10 @@
 #include "collectors/qvheap/heap.h"
 #include "collectors/qvheap/log.h"
 #include "collectors/qvheap/pause.h"
+#include "collectors/qvheap/profile.h"
 #include "collectors/qvheap/report.h"
+#include "collectors/qvheap/room.h"
+#include "collectors/qvheap/stacks.h"
 #include "collectors/qvheap/table.h"
 #include "host/qvhost.h"
 
@@ -20,11 +23,13 @@ namespace {
 
 constinit bool g_installed = false;  // set by the process's first allocation, before it has threads
 constinit bool g_started = false;
+constinit bool g_nobodyLooks = false;  // since BeforeFork
 
 // The program's own handlers that run after this one may allocate: they are counted as always. The
 // order of the locks is that of their holders: the arena is used under the census lock.
 void BeforeFork() {
   __QvAcquireSpinLock(&g_censusLock);
+  g_nobodyLooks = StopLookersLocked();
   __QvAcquireSpinLock(&g_arenaLock);
 }
 
@@ -34,6 +39,7 @@ void AfterForkInParent() {
     QVHEAP_DUMP_LOCKED(kDumpFork, "process %d forked", g_process.pid);
   }
   __QvReleaseSpinLock(&g_arenaLock);
+  LetLookersGo();
   __QvReleaseSpinLock(&g_censusLock);
 }
 
@@ -43,7 +49,9 @@ void AfterForkInChild() {
   __QvInitializeSpinLockAndSpinCount(&g_censusLock, g_censusLock.spinCount);
   const Inside inside;
   const SpinGuard guard(g_censusLock);
+  LetLookersGo();
   ForgetAllSizes();
+  RestartProfileLocked(g_nobodyLooks);
   RestartCensusLocked();
   g_process.pid = getpid();
   g_process.started = MillisecondsNow();
@@ -68,14 +76,28 @@ void AtExit(int, void*) {
 void Install() {
   g_installed = true;
   FindRealFunctions();
+  InstallRoom();
   QvHostInstall();
   InstallCensus();
+  InstallProfile();
   pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);  // so they run before the host's
 }
 
 void NameProgram() {
   const ssize_t length = readlink("/proc/self/exe", g_process.program, sizeof g_process.program - 1);
   g_process.program[length > 0 ? length : 0] = 0;
+}
+
+// The program may write over its arguments.
+void KeepArguments(int count, char** arguments) {
+  uint32_t used = 0;
+  for (int i = 0; i < count && arguments[i] != nullptr; i++) {
+    const size_t bytes = strlen(arguments[i]) + 1;
+    if (bytes > sizeof g_process.arguments - used) break;
+    memcpy(g_process.arguments + used, arguments[i], bytes);
+    used += uint32_t(bytes);
+  }
+  g_process.argumentBytes = used;
 }
 
 // The log exists before anything can have something to say.
@@ -95,17 +117,20 @@ void ReadOptionsLocked() {
 
 // on_exit rather than atexit: the handler does not belong to this library, and being among the first
 // that are registered it runs among the last, after the exit functions of the program and of its
-// libraries.
-__attribute__((constructor)) void Start() {
+// libraries. libc hands every constructor the arguments of main.
+__attribute__((constructor)) void Start(int count, char** arguments) {
   const Inside inside;
   if (!g_installed) Install();
   __QvRtStartup();
   g_process.pid = getpid();
   NameProgram();
+  KeepArguments(count, arguments);
   on_exit(AtExit, nullptr);
+  InstallUnwinder();
   const SpinGuard guard(g_censusLock);
   g_process.started = MillisecondsNow();
   ReadOptionsLocked();
+  StartProfileLocked();
   g_started = true;
   StartChannelLocked();
 }

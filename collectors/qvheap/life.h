@@ -19,6 +19,8 @@ struct Process {
   Options options;
   char program[PATH_MAX];  // what runs here
   uint64_t started;        // milliseconds, on the clock of pause.h
+  char arguments[4096];    // as it was started, each ended by NUL; cut if they are longer
+  uint32_t argumentBytes;
 };
 extern Process g_process;
 

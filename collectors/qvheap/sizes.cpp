@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "collectors/qvheap/census.h"
+#include "collectors/qvheap/room.h"
 
 namespace qvheap {
 namespace {
@@ -26,7 +27,7 @@ Table* MakeTableLocked(Tables<Table>& tables) {
   if (table != nullptr) {
     tables.stale = table->next;
   } else {
-    table = static_cast<Table*>(AllocateLocked(sizeof(Table)));
+    table = static_cast<Table*>(Allocate(kRoomSizes, sizeof(Table)));
     if (table == nullptr) return nullptr;
   }
   memset(static_cast<void*>(table), 0, sizeof(Table));

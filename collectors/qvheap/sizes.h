@@ -12,6 +12,7 @@
 //
 //   code   0            no block that we know
 //          1 to 248     a block of code - 1 bytes
+//          252 to 254   a block that was looked at (collectors/qvheap/blocks.h)
 //          255          a block of 248 bytes or more: its size is in the 8 codes that follow, which lie
 //                       inside the block, so no other block needs them
 //
@@ -36,7 +37,11 @@ inline constexpr uint32_t kLeavesPerMiddle = 1 << (kMiddleShift - kLeafShift);
 inline constexpr uint32_t kCodesPerLeaf = 1 << (kLeafShift - kGranuleShift);
 inline constexpr uint64_t kLargestShortSize = 247;
 inline constexpr uint8_t kLongCode = 255;
+inline constexpr uint8_t kInRecord = 252;
+inline constexpr uint8_t kInCodes = 253;
+inline constexpr uint8_t kInTable = 254;
 inline constexpr uint64_t kUnknownSize = ~uint64_t{0};
+inline constexpr uint64_t kLookedAt = kUnknownSize - 1;
 
 struct Leaf {
   Leaf* next;  // of all leaves in use, or of all stale ones
@@ -88,10 +93,8 @@ QVHEAP_INLINE bool KeepSize(const void* block, uint64_t bytes) {
   return true;
 }
 
-// Forgets the block; kUnknownSize if we do not know it.
-QVHEAP_INLINE uint64_t TakeSize(const void* block) {
-  uint8_t* const code = FindCode(block);
-  if (QVHEAP_UNLIKELY(code == nullptr || *code == 0)) return kUnknownSize;
+// Of a block that was not looked at: its size, and its code is free.
+QVHEAP_INLINE uint64_t ClearCode(uint8_t* code) {
   const uint8_t found = *code;
   *code = 0;
   if (QVHEAP_LIKELY(found != kLongCode)) return uint64_t{found} - 1;
@@ -99,6 +102,15 @@ QVHEAP_INLINE uint64_t TakeSize(const void* block) {
   const uint64_t bytes = longCode->bytes;
   longCode->bytes = 0;
   return bytes;
+}
+
+// Forgets the block; kUnknownSize if we do not know it. kLookedAt if it was looked at: then nothing is
+// forgotten, but TakeSight has to be asked.
+QVHEAP_INLINE uint64_t TakeSize(const void* block) {
+  uint8_t* const code = FindCode(block);
+  if (QVHEAP_UNLIKELY(code == nullptr || *code == 0)) return kUnknownSize;
+  if (QVHEAP_UNLIKELY(uint8_t(*code - kInRecord) <= kInTable - kInRecord)) return kLookedAt;
+  return ClearCode(code);
 }
 
 }  // namespace qvheap

@@ -10,9 +10,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "collectors/qvheap/blocks.h"
 #include "collectors/qvheap/census.h"
 #include "collectors/qvheap/heap.h"
 #include "collectors/qvheap/pause.h"
+#include "collectors/qvheap/profile.h"
 #include "collectors/qvheap/table.h"
 
 #define QVHEAP_EXPORT __attribute__((visibility("default")))
@@ -25,13 +27,18 @@ QVHEAP_INLINE ThreadRecord* Enter() {
   return QVHEAP_LIKELY(me != nullptr) ? me : EnterSlow();
 }
 
-// The outcome of a request: counted if it was granted.
-QVHEAP_INLINE void* Note(ThreadRecord& me, void* block, uint64_t bytes) {
+// Where the program called the exported function that this is inlined into: the innermost frame of its stack.
+#define QVHEAP_CALLER __builtin_return_address(0)
+
+// The outcome of a request: counted if it was granted, and perhaps looked at.
+QVHEAP_INLINE void* Note(ThreadRecord& me, void* block, uint64_t bytes, void* caller) {
   if (IsPaused()) return block;
   if (QVHEAP_UNLIKELY(block == nullptr)) {
     Add(me.counts.figures[kFailedRequests], 1);
   } else if (QVHEAP_LIKELY(KeepSize(block, bytes))) {
     CountAllocation(me, bytes);
+    me.untilLook -= int64_t(bytes);
+    if (QVHEAP_UNLIKELY(me.untilLook <= 0)) Look(me, block, bytes, caller);
   } else {
     Add(me.counts.figures[kUnrecorded], 1);
   }
@@ -54,8 +61,16 @@ QVHEAP_COLD void FreeInArena(void* block) {
 // made when libc worked for the program.
 QVHEAP_COLD void FreeInside(void* block) {
   if (IsInArena(block)) return FreeInArena(block);
-  const uint64_t bytes = TakeSize(block);
-  if (bytes != kUnknownSize && t_record != nullptr) CountRelease(*t_record, bytes);
+  ThreadRecord* const me = t_record;
+  uint64_t bytes = TakeSize(block);
+  if (bytes == kLookedAt && me != nullptr) bytes = ReleaseLookedAt(*me, block);
+  if (bytes != kUnknownSize && me != nullptr) CountRelease(*me, bytes);
+  g_real.free(block);
+}
+
+// The block was looked at.
+QVHEAP_COLD void FreeLookedAt(ThreadRecord& me, void* block) {
+  CountRelease(me, ReleaseLookedAt(me, block));
   g_real.free(block);
 }
 
@@ -79,14 +94,17 @@ QVHEAP_COLD void* ReallocateInArena(void* block, size_t bytes) {
 QVHEAP_COLD void* ReallocateInside(void* block, size_t bytes) {
   if (block == nullptr) return AllocateInside(bytes);
   if (IsInArena(block)) return ReallocateInArena(block, bytes);
-  const uint64_t former = TakeSize(block);
+  uint64_t former = TakeSize(block);
+  if (former == kLookedAt)
+    former = ReleaseLookedAt(*t_record, block);  // only a thread with a record looks
   void* const moved = g_real.realloc(block, bytes);
   if (former != kUnknownSize && moved != nullptr) KeepSize(moved, former);  // the figures stay
   return moved;
 }
 
 // A block of `former` bytes, known or not, became one of `bytes` bytes, or nothing.
-QVHEAP_INLINE void NoteReallocation(ThreadRecord& me, uint64_t former, void* moved, uint64_t bytes) {
+QVHEAP_INLINE void NoteReallocation(ThreadRecord& me, uint64_t former, void* moved, uint64_t bytes,
+                                    void* caller) {
   if (QVHEAP_LIKELY(former != kUnknownSize)) {
     CountReleaseOnly(me, former);
   } else {
@@ -94,14 +112,37 @@ QVHEAP_INLINE void NoteReallocation(ThreadRecord& me, uint64_t former, void* mov
   }
   if (moved == nullptr || IsPaused()) return SettleIfFar(me, BalanceOf(me.counts) - me.settled);
   Add(me.counts.figures[kReallocations], 1);
-  Note(me, moved, bytes);
+  Note(me, moved, bytes, caller);
 }
 
-QVHEAP_INLINE void* Reallocate(void* block, size_t bytes) {
-  if (block == nullptr) return malloc(bytes);
+// For the sites too, a realloc is a release of the old block and an allocation of the new one; but it may
+// fail, and then it is neither.
+QVHEAP_COLD void* ReallocateLookedAt(ThreadRecord& me, void* block, size_t bytes, void* caller) {
+  const Sight sight = TakeForReallocation(me, block);
+  void* const moved = g_real.realloc(block, bytes);
+  if (moved == nullptr && bytes != 0) {
+    Add(me.counts.figures[kFailedRequests], 1);
+    PutBack(me, block, sight);
+    return nullptr;
+  }
+  CountTaken(me, sight);
+  NoteReallocation(me, sight.bytes, moved, bytes, caller);
+  return moved;
+}
+
+// On behalf of an exported function: malloc, where there is no block yet.
+QVHEAP_INLINE void* Allocate(size_t bytes, void* caller) {
+  ThreadRecord* const me = Enter();
+  if (QVHEAP_UNLIKELY(me == nullptr)) return AllocateInside(bytes);
+  return Note(*me, g_real.malloc(bytes), bytes, caller);
+}
+
+QVHEAP_INLINE void* Reallocate(void* block, size_t bytes, void* caller) {
+  if (block == nullptr) return Allocate(bytes, caller);
   ThreadRecord* const me = Enter();
   if (QVHEAP_UNLIKELY(me == nullptr)) return ReallocateInside(block, bytes);
   const uint64_t former = TakeSize(block);
+  if (QVHEAP_UNLIKELY(former == kLookedAt)) return ReallocateLookedAt(*me, block, bytes, caller);
   if (QVHEAP_UNLIKELY(former == kUnknownSize && IsInArena(block)))
     return ReallocateInArena(block, bytes);
   void* const moved = g_real.realloc(block, bytes);
@@ -110,17 +151,17 @@ QVHEAP_INLINE void* Reallocate(void* block, size_t bytes) {
     if (former != kUnknownSize) KeepSize(block, former);  // it is still there
     return nullptr;
   }
-  NoteReallocation(*me, former, moved, bytes);
+  NoteReallocation(*me, former, moved, bytes, caller);
   return moved;
 }
 
 // An aligned request; `real` makes it. None comes from the collector itself but by way of libc, which
 // makes none for what we have it do; were it to, it would simply not be counted.
 template <class Call>
-QVHEAP_INLINE void* Aligned(size_t bytes, Call real) {
+QVHEAP_INLINE void* Aligned(size_t bytes, void* caller, Call real) {
   ThreadRecord* const me = Enter();
   void* const block = real();
-  return me != nullptr ? Note(*me, block, bytes) : block;
+  return me != nullptr ? Note(*me, block, bytes, caller) : block;
 }
 
 }  // namespace
@@ -128,18 +169,14 @@ QVHEAP_INLINE void* Aligned(size_t bytes, Call real) {
 
 using namespace qvheap;
 
-QVHEAP_EXPORT void* malloc(size_t bytes) noexcept {
-  ThreadRecord* const me = Enter();
-  if (QVHEAP_UNLIKELY(me == nullptr)) return AllocateInside(bytes);
-  return Note(*me, g_real.malloc(bytes), bytes);
-}
+QVHEAP_EXPORT void* malloc(size_t bytes) noexcept { return Allocate(bytes, QVHEAP_CALLER); }
 
 QVHEAP_EXPORT void* calloc(size_t count, size_t bytes) noexcept {
   size_t total;
   const bool overflows = __builtin_mul_overflow(count, bytes, &total);
   ThreadRecord* const me = Enter();
   if (QVHEAP_UNLIKELY(me == nullptr)) return overflows ? nullptr : AllocateInside(total);
-  return Note(*me, g_real.calloc(count, bytes), total);
+  return Note(*me, g_real.calloc(count, bytes), total, QVHEAP_CALLER);
 }
 
 QVHEAP_EXPORT void free(void* block) noexcept {
@@ -147,33 +184,37 @@ QVHEAP_EXPORT void free(void* block) noexcept {
   ThreadRecord* const me = Enter();
   if (QVHEAP_UNLIKELY(me == nullptr)) return FreeInside(block);
   const uint64_t bytes = TakeSize(block);
-  if (QVHEAP_UNLIKELY(bytes == kUnknownSize)) return FreeUnknown(*me, block);
+  if (QVHEAP_UNLIKELY(bytes >= kLookedAt)) {
+    return bytes == kLookedAt ? FreeLookedAt(*me, block) : FreeUnknown(*me, block);
+  }
   CountRelease(*me, bytes);
   g_real.free(block);
 }
 
-QVHEAP_EXPORT void* realloc(void* block, size_t bytes) noexcept { return Reallocate(block, bytes); }
+QVHEAP_EXPORT void* realloc(void* block, size_t bytes) noexcept {
+  return Reallocate(block, bytes, QVHEAP_CALLER);
+}
 
 QVHEAP_EXPORT void* reallocarray(void* block, size_t count, size_t bytes) noexcept {
   size_t total;
-  if (!__builtin_mul_overflow(count, bytes, &total)) return Reallocate(block, total);
+  if (!__builtin_mul_overflow(count, bytes, &total)) return Reallocate(block, total, QVHEAP_CALLER);
   if (ThreadRecord* const me = Enter()) Add(me->counts.figures[kFailedRequests], 1);
   errno = ENOMEM;
   return nullptr;
 }
 
 QVHEAP_EXPORT void* memalign(size_t alignment, size_t bytes) noexcept {
-  return Aligned(bytes, [=] { return g_real.memalign(alignment, bytes); });
+  return Aligned(bytes, QVHEAP_CALLER, [=] { return g_real.memalign(alignment, bytes); });
 }
 
 QVHEAP_EXPORT void* aligned_alloc(size_t alignment, size_t bytes) noexcept {
-  return Aligned(bytes, [=] { return g_real.alignedAlloc(alignment, bytes); });
+  return Aligned(bytes, QVHEAP_CALLER, [=] { return g_real.alignedAlloc(alignment, bytes); });
 }
 
 QVHEAP_EXPORT int posix_memalign(void** block, size_t alignment, size_t bytes) noexcept {
   int error = 0;
   void* fresh = nullptr;
-  Aligned(bytes, [&] {
+  Aligned(bytes, QVHEAP_CALLER, [&] {
     error = g_real.posixMemalign(&fresh, alignment, bytes);
     return error == 0 ? fresh : nullptr;
   });
@@ -182,11 +223,11 @@ QVHEAP_EXPORT int posix_memalign(void** block, size_t alignment, size_t bytes) n
 }
 
 QVHEAP_EXPORT void* valloc(size_t bytes) noexcept {
-  return Aligned(bytes, [=] { return g_real.valloc(bytes); });
+  return Aligned(bytes, QVHEAP_CALLER, [=] { return g_real.valloc(bytes); });
 }
 
 QVHEAP_EXPORT void* pvalloc(size_t bytes) noexcept {
-  return Aligned(bytes, [=] { return g_real.pvalloc(bytes); });
+  return Aligned(bytes, QVHEAP_CALLER, [=] { return g_real.pvalloc(bytes); });
 }
 
 QVHEAP_EXPORT int fclose(FILE* stream) {

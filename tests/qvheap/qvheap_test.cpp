@@ -57,7 +57,7 @@ Report ReadReport(const std::string& text) {
   Report report;
   EXPECT_EQ(WhatIsOpen(text), "") << text;
   report.process = ReadElement(Between(text, text.find("<process>"), "</process>"));
-  const std::regex thread("<thread id='([0-9]+)'");
+  const std::regex thread("<thread id='([0-9]+)' state=");
   for (std::sregex_iterator at(text.begin(), text.end(), thread), end; at != end; ++at) {
     report.threads[std::stoi((*at)[1])] =
         ReadElement(Between(text, size_t(at->position()), "</thread>"));

@@ -1,0 +1,49 @@
+// What is known of the live blocks that were looked at: the site, the time, the size, the weight.
+//
+// A block's code (collectors/qvheap/sizes.h) says where it is:
+//
+//   kInTable   in a hash table of two levels by address. Every block of sampled mode is there: there are
+//              few, and each has a weight of its own.
+//   kInRecord  exact mode, blocks below 144 bytes: the three codes that follow are the number of a record
+//              of 8 bytes, site:24 | bytes:8 | born:32
+//   kInCodes   exact mode, the others: the 16 codes that follow, which lie inside the block, are
+//              site:32 | born:32 | bytes:64
+//
+// Why exact mode does not use the table: an entry with its lock, bucket and record takes some 170 bytes,
+// which for a program with half a million live blocks of some hundred bytes is more than what it uses
+// itself. The codes are there already, so most blocks cost 8 bytes more and large ones nothing. (It is also
+// the faster one: the codes are in the cache, since the size is looked up there.)
+//
+// A record's number needs four codes, 32 bytes of address space that are the block's alone. libc's blocks
+// are never nearer to one another; from another allocator, blocks below 25 bytes go into the table.
+//
+// Invariants
+//  (1) What belongs to a block is written by the thread that was given it and taken by the thread that gives
+//      it back, before the allocator has it again. Hence no lock in codes and records.
+//  (2) Free records are in lists: one for each thread, used by it alone, and a common one under a lock.
+#pragma once
+
+#include "collectors/qvheap/census.h"
+#include "collectors/qvheap/sampling.h"
+
+namespace qvheap {
+
+struct Sight {
+  uint32_t site;
+  uint32_t born;  // clock.h
+  uint64_t bytes;
+  Weight weight;
+};
+
+void InstallBlocks();  // the real functions are known
+
+// The block, whose code holds its size, is now one that was looked at. False if there is no memory. The
+// caller is Looking.
+bool KeepSight(ThreadRecord& me, const void* block, const Sight& sight);
+// Forgets a block whose size was kLookedAt.
+Sight TakeSight(ThreadRecord& me, const void* block);
+
+void GiveRecordsBack(ThreadRecord& me);  // the thread ends; it is Looking
+void ForgetAllSights();                  // in a child process
+
+}  // namespace qvheap

@@ -1,0 +1,142 @@
+// Looking at blocks. Design: collectors/qvheap/profile.h.
+#include "collectors/qvheap/profile.h"
+
+#include <stdlib.h>
+
+#include "collectors/qvheap/blocks.h"
+#include "collectors/qvheap/life.h"
+#include "collectors/qvheap/modules.h"
+#include "collectors/qvheap/room.h"
+#include "collectors/qvheap/sites.h"
+#include "collectors/qvheap/tallies.h"
+#include "collectors/qvheap/timeline.h"
+
+namespace qvheap {
+namespace {
+
+constexpr char kSeedVariable[] = "QVHEAP_SEED";  // makes sampling repeatable; for tests
+
+constinit bool g_looks = false;
+constinit bool g_exact = false;
+constinit uint32_t g_intervalBytes = 1;
+constinit uint64_t g_seed = 0;
+constinit uint64_t g_missed = 0;
+
+void StartCountdown(ThreadRecord& me) {
+  me.random = SeedFor(g_seed, me.ordinal);
+  me.untilLook = !g_looks ? kNeverLook : g_exact ? 0 : DrawCountdown(me.random, g_intervalBytes);
+}
+
+int64_t TotalSeenBy(const ThreadRecord& me) {
+  return Load(g_settledLive) + BalanceOf(me.counts) - me.settled;
+}
+
+QVHEAP_COLD void MissLook() { __atomic_fetch_add(&g_missed, 1, __ATOMIC_RELAXED); }
+
+// The thread is Looking.
+QVHEAP_INLINE void Record(ThreadRecord& me, const void* block, uint64_t bytes, const Weight& weight,
+                          void* caller) {
+  Stack stack;
+  CaptureStack(stack, Load(g_epoch), caller);
+  Site* const site = FindOrMakeSite(stack);
+  if (QVHEAP_UNLIKELY(site == nullptr)) return MissLook();
+  if (QVHEAP_UNLIKELY(!KeepSight(me, block, {site->number, NowUnits(), bytes, weight})))
+    return MissLook();
+  CountAtSite(*site, weight);
+  Tally(me, *site, weight);
+  NoteTotal(TotalSeenBy(me));
+}
+
+QVHEAP_COLD void LookSampled(ThreadRecord& me, const void* block, uint64_t bytes, void* caller) {
+  me.untilLook = DrawCountdown(me.random, g_intervalBytes);
+  const SignalsBlocked blocked;
+  const Looking looking(me);
+  TimePasses(me);
+  Record(me, block, bytes, SampledWeight(bytes, g_intervalBytes), caller);
+}
+
+void LookExactly(ThreadRecord& me, const void* block, uint64_t bytes, void* caller) {
+  me.untilLook = 0;
+  const Looking looking(me);
+  TimePasses(me);
+  Record(me, block, bytes, ExactWeight(bytes), caller);
+}
+
+}  // namespace
+
+void InstallProfile() {
+  InstallBlocks();
+  StartClock();
+}
+
+void StartProfileLocked() {
+  const char* const seed = getenv(kSeedVariable);
+  g_seed = seed != nullptr ? strtoull(seed, nullptr, 10) : 0;
+  g_exact = g_process.options.exact;
+  g_intervalBytes = g_process.options.intervalBytes;
+  g_looks = true;
+  StartTimeline();
+  ForEachRunningLocked(StartCountdown);
+}
+
+void RestartProfileLocked(bool whole) {
+  g_missed = 0;
+  if (!whole) g_looks = false;
+  StartClock();
+  ForgetAllSights();
+  ForgetAllSites();
+  if (whole) ForgetRegions();
+  StartTimeline();
+}
+
+void BeginLooks(ThreadRecord& me) {
+  if (g_looks) DropTallies(me);
+  StartCountdown(me);
+}
+
+void EndLooks(ThreadRecord& me) {
+  const Looking looking(me);
+  GiveRecordsBack(me);
+}
+
+void Look(ThreadRecord& me, const void* block, uint64_t bytes, void* caller) {
+  if (g_exact) return LookExactly(me, block, bytes, caller);
+  LookSampled(me, block, bytes, caller);
+}
+
+uint64_t ReleaseLookedAt(ThreadRecord& me, const void* block) {
+  const Sight sight = TakeForReallocation(me, block);
+  CountTaken(me, sight);
+  return sight.bytes;
+}
+
+Sight TakeForReallocation(ThreadRecord& me, const void* block) {
+  const Looking looking(me);
+  return TakeSight(me, block);
+}
+
+// What the process had before the release may have been a peak that no look saw.
+void CountTaken(ThreadRecord& me, const Sight& sight) {
+  if (QVHEAP_UNLIKELY(sight.site == 0)) return;
+  const Looking looking(me);
+  NoteTotal(TotalSeenBy(me));
+  CountReleaseAtSite(sight.site, sight.weight, sight.born);
+}
+
+void PutBack(ThreadRecord& me, const void* block, const Sight& sight) {
+  const Looking looking(me);
+  KeepSize(block, sight.bytes);
+  if (sight.site != 0 && KeepSight(me, block, sight)) return;
+  CountReleaseAtSite(sight.site, sight.weight, sight.born);
+}
+
+void ProgramClosedImage() {
+  const Inside inside;
+  if (t_record == nullptr) return;
+  const Looking looking(*t_record);
+  NoticeUnloads();
+}
+
+uint64_t MissedLooks() { return Load(g_missed); }
+
+}  // namespace qvheap

@@ -1,0 +1,276 @@
+// Sites. Design: collectors/qvheap/sites.h.
+#include "collectors/qvheap/sites.h"
+
+#include <string.h>
+
+#include "collectors/qvheap/modules.h"
+#include "collectors/qvheap/room.h"
+
+namespace qvheap {
+namespace {
+
+constexpr uint32_t kSitesPerChunk = 128;
+constexpr uint32_t kChunks = 1 << 17;  // numbers have 24 bits (blocks.h)
+constexpr uint32_t kFoldedSite = 1;
+constexpr uint32_t kSlabsForSite = 4;  // stack, entry, a leaf with its buckets
+constexpr uint32_t kEpochs = 3;        // an image may go while a stack that leads through it is kept
+
+// g_sitesLock.
+constinit Site* g_chunks[kChunks] = {};
+constinit uint32_t g_count = 0;
+constinit uint64_t g_foldedCount = 0;
+constinit QV_HASH_TABLE* g_table = nullptr;
+constinit QV_HASH_TABLE* g_staleTable = nullptr;  // of the parent process
+
+// Atomic.
+constinit int64_t g_peakTotal = 0;
+constinit uint64_t g_peakNumber = 0;
+
+// ---- The table -------------------------------------------------------------------------------------
+
+const Stack& StackOf(uint64_t key) { return *reinterpret_cast<const Stack*>(key); }
+uint64_t KeyOf(const Stack& stack) { return reinterpret_cast<uint64_t>(&stack); }
+
+uint64_t HashForLeaf(const QV_HASH_TABLE*, uint64_t key) { return StackOf(key).hash; }
+uint64_t HashForUpper(const QV_HASH_TABLE*, uint64_t key) { return StackOf(key).hash >> 56; }
+
+int32_t StacksAreEqual(uint64_t entryKey, uint64_t key) {
+  const Stack& a = StackOf(entryKey);
+  const Stack& b = StackOf(key);
+  return a.hash == b.hash && a.epoch == b.epoch && a.depth == b.depth &&
+         memcmp(a.frames, b.frames, a.depth * sizeof a.frames[0]) == 0;
+}
+
+void FreeStack(uint64_t key) { __QvFree(reinterpret_cast<void*>(key)); }
+
+QV_HASH_TABLE* TableLocked() {
+  static const QV_HASH_FUNCTION kHash[QV_HASH_LEVELS] = {HashForLeaf, HashForUpper, nullptr};
+  if (g_table != nullptr) return g_table;
+  __QvDestroyHashTable(g_staleTable, nullptr);
+  g_staleTable = nullptr;
+  QV_HASH_TABLE* const table = __QvCreateHashTable(QV_HASH_TABLE_CUSTOM_KEYS, kHash, 2, StacksAreEqual,
+                                                   FreeStack, LibraryCategory(kRoomSites), 0);
+  __atomic_store_n(&g_table, table, __ATOMIC_RELEASE);
+  return table;
+}
+
+Stack* CopyStack(const Stack& stack) {
+  const uint32_t bytes = uint32_t(offsetof(Stack, frames) + stack.depth * sizeof stack.frames[0]);
+  Stack* const copy = static_cast<Stack*>(__QvMalloc(LibraryCategory(kRoomStacks), bytes, 0));
+  memcpy(static_cast<void*>(copy), &stack, bytes);
+  return copy;
+}
+
+// ---- Records ---------------------------------------------------------------------------------------
+
+// The chunk of the next site; the first site is the one of folded ones.
+bool MakeRoomForSite() {
+  const uint32_t number = Load(g_count) + 2;
+  if (number / kSitesPerChunk >= kChunks) return false;
+  Site*& chunk = g_chunks[number / kSitesPerChunk];
+  if (chunk != nullptr) return true;
+  Site* const fresh = static_cast<Site*>(Allocate(kRoomSites, kSitesPerChunk * sizeof(Site)));
+  if (fresh == nullptr) return false;
+  memset(static_cast<void*>(fresh), 0, kSitesPerChunk * sizeof(Site));
+  chunk = fresh;
+  return true;
+}
+
+// A record of the parent's still has its set.
+Site& BeginSiteLocked() {
+  const uint32_t number = g_count + 1;
+  Site& site = SiteOf(number);
+  __QvEmptySet(&site.threads);
+  site = {};
+  site.threads.category = LibraryCategory(kRoomSites) & 0xFF;
+  site.number = number;
+  site.peakNumber = __atomic_load_n(&g_peakNumber, __ATOMIC_RELAXED);
+  __atomic_store_n(&g_count, number, __ATOMIC_RELEASE);
+  return site;
+}
+
+constinit QV_SPIN_LOCK g_sitesLock = {};
+
+QVHEAP_COLD Site* MakeSiteSlow(Stack& stack) {
+  const SignalsBlocked blocked;
+  for (uint32_t i = 0; i < kEpochs && !NoticeModules(stack.frames, stack.depth, stack.epoch); i++) {
+    SetEpoch(stack, Load(g_epoch));
+  }
+  const Provision provision(kSlabsForSite);
+  const SpinGuard guard(g_sitesLock);
+  if (!provision.Granted() || !MakeRoomForSite()) return nullptr;
+  QV_HASH_TABLE* const table = TableLocked();
+  void* const found = __QvLookupHashTable(table, KeyOf(stack));  // made meanwhile by another thread
+  if (found != nullptr) return static_cast<Site*>(found);
+  if (g_count == 0) BeginSiteLocked();
+  Site& site = BeginSiteLocked();
+  site.stack = CopyStack(stack);
+  __QvInsertHashTableEntry(table, KeyOf(*site.stack), &site);
+  return &site;
+}
+
+// ---- Figures ---------------------------------------------------------------------------------------
+
+QVHEAP_INLINE void BringPeakUpToDateLocked(Site& site) {
+  const uint64_t number = __atomic_load_n(&g_peakNumber, __ATOMIC_ACQUIRE);
+  if (site.peakNumber == number) return;
+  site.peakNumber = number;
+  site.figures.liveAtPeakBytes = site.figures.LiveBytes();
+}
+
+// The site itself, or the one that it was folded into; its lock is held.
+QVHEAP_INLINE Site& LockUnfolded(Site& site) {
+  __QvAcquireSpinLock(&site.lock);
+  if (QVHEAP_LIKELY(!site.isFolded)) return site;
+  __QvReleaseSpinLock(&site.lock);
+  Site& folded = SiteOf(kFoldedSite);
+  __QvAcquireSpinLock(&folded.lock);
+  return folded;
+}
+
+void Accumulate(SiteFigures& sum, const SiteFigures& figures) {
+  sum.samples += figures.samples;
+  sum.allocations += figures.allocations;
+  sum.releases += figures.releases;
+  sum.bytesAllocated += figures.bytesAllocated;
+  sum.bytesReleased += figures.bytesReleased;
+  sum.liveAtPeakBytes += figures.liveAtPeakBytes;
+  if (sum.LiveBytes() > sum.peakBytes) sum.peakBytes = sum.LiveBytes();
+  for (uint32_t i = 0; i < kLifetimes; i++) sum.lifetimes[i] += figures.lifetimes[i];
+}
+
+// ---- Folding ---------------------------------------------------------------------------------------
+
+uint64_t SizeOf(const SiteFigures& figures) { return figures.bytesAllocated; }
+
+// Half of the sites at most have less than this: the median of a sample of 63.
+uint64_t SmallSizeLocked() {
+  uint64_t sizes[63];
+  uint32_t count = 0;
+  const uint32_t step = g_count / 63 + 1;
+  for (uint32_t number = kFoldedSite + 1; number <= g_count && count < 63; number += step) {
+    const Site& site = SiteOf(number);
+    if (site.isFolded) continue;
+    uint32_t at = count++;
+    for (; at > 0 && sizes[at - 1] > SizeOf(site.figures); at--) sizes[at] = sizes[at - 1];
+    sizes[at] = SizeOf(site.figures);
+  }
+  return count != 0 ? sizes[count / 2] : 0;
+}
+
+// A thread that has found the site goes on counting into the record, and is passed on to number 1.
+void FoldLocked(Site& site) {
+  SiteFigures figures;
+  {
+    const SpinGuard guard(site.lock);
+    BringPeakUpToDateLocked(site);
+    figures = site.figures;
+    site.figures = {};
+    site.isFolded = true;
+    site.stack = nullptr;
+  }
+  Site& folded = SiteOf(kFoldedSite);
+  const SpinGuard guard(folded.lock);
+  BringPeakUpToDateLocked(folded);
+  Accumulate(folded.figures, figures);
+  g_foldedCount++;
+}
+
+int32_t FoldIfSmall(void* data, uint64_t smallSize) {
+  Site& site = *static_cast<Site*>(data);
+  if (SizeOf(site.figures) > smallSize) return 0;
+  FoldLocked(site);
+  __QvEmptySet(&site.threads);
+  return 1;
+}
+
+}  // namespace
+
+Site& SiteOf(uint32_t number) {
+  return __atomic_load_n(&g_chunks[number / kSitesPerChunk], __ATOMIC_ACQUIRE)[number % kSitesPerChunk];
+}
+
+Site* FindOrMakeSite(Stack& stack) {
+  QV_HASH_TABLE* const table = __atomic_load_n(&g_table, __ATOMIC_ACQUIRE);
+  void* const found = __QvLookupHashTable(table, KeyOf(stack));
+  return QVHEAP_LIKELY(found != nullptr) ? static_cast<Site*>(found) : MakeSiteSlow(stack);
+}
+
+void CountAtSite(Site& counted, const Weight& weight) {
+  Site& site = LockUnfolded(counted);
+  BringPeakUpToDateLocked(site);
+  SiteFigures& figures = site.figures;
+  figures.samples++;
+  figures.allocations += weight.blocks;
+  figures.bytesAllocated += weight.bytes;
+  if (figures.LiveBytes() > figures.peakBytes) figures.peakBytes = figures.LiveBytes();
+  __QvReleaseSpinLock(&site.lock);
+}
+
+void CountReleaseAtSite(uint32_t number, const Weight& weight, uint32_t born) {
+  const Lifetime lifetime = LifetimeSince(born);
+  Site& site = LockUnfolded(SiteOf(number));
+  BringPeakUpToDateLocked(site);
+  site.figures.releases += weight.blocks;
+  site.figures.bytesReleased += weight.bytes;
+  site.figures.lifetimes[lifetime] += weight.blocks;
+  __QvReleaseSpinLock(&site.lock);
+}
+
+void NoteTotal(int64_t liveBytes) {
+  int64_t highest = Load(g_peakTotal);
+  while (liveBytes > highest) {
+    if (!__atomic_compare_exchange_n(&g_peakTotal, &highest, liveBytes, true, __ATOMIC_RELAXED,
+                                     __ATOMIC_RELAXED)) {
+      continue;
+    }
+    __atomic_fetch_add(&g_peakNumber, 1, __ATOMIC_RELEASE);
+    return;
+  }
+}
+
+void RestartSitePeaks(int64_t liveBytes) {
+  Store(g_peakTotal, liveBytes);
+  __atomic_fetch_add(&g_peakNumber, 1, __ATOMIC_RELEASE);
+  for (uint32_t number = 1; number <= SiteCount(); number++) {
+    Site& site = SiteOf(number);
+    const SpinGuard guard(site.lock);
+    site.figures.peakBytes = site.figures.LiveBytes();
+  }
+}
+
+void AddThreadToSite(Site& site, uint32_t ordinal) {
+  const Provision provision(1);
+  const SpinGuard guard(g_sitesLock);
+  if (provision.Granted() && !site.isFolded) __QvAddAnElementToSet(&site.threads, ordinal);
+}
+
+SiteFigures ReadSite(Site& site) {
+  const SpinGuard guard(site.lock);
+  BringPeakUpToDateLocked(site);
+  return site.figures;
+}
+
+uint32_t SiteCount() { return __atomic_load_n(&g_count, __ATOMIC_ACQUIRE); }
+uint64_t FoldedSiteCount() { return Load(g_foldedCount); }
+
+// It may run because something under g_sitesLock needs memory; the sites are not in order then.
+void FoldSmallSites() {
+  if (g_count <= kFoldedSite || __QvIsSpinLockAcquiredByCallingThread(&g_sitesLock) != 0) return;
+  if (__QvTryToAcquireSpinLock(&g_sitesLock, 0) == 0) return;
+  __QvScanHashTable(g_table, FoldIfSmall, SmallSizeLocked(), 1, nullptr, nullptr);
+  __QvReleaseSpinLock(&g_sitesLock);
+}
+
+// The first look here frees the table; a child that is about to execute another program never does.
+void ForgetAllSites() {
+  __QvInitializeSpinLock(&g_sitesLock);
+  g_count = 0;
+  g_foldedCount = 0;
+  g_peakTotal = 0;
+  if (g_table == nullptr) return;
+  g_staleTable = g_table;
+  g_table = nullptr;
+}
+
+}  // namespace qvheap

@@ -1,0 +1,69 @@
+// Call stacks. Design: collectors/qvheap/stacks.h.
+#include "collectors/qvheap/stacks.h"
+
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <string.h>
+
+#include "collectors/qvheap/census.h"
+#include "collectors/qvheap/unwind.h"
+
+namespace qvheap {
+namespace {
+
+using BackTrace = int (*)(void**, int);
+constinit BackTrace g_libcs = nullptr;
+
+// Two lanes, since a multiplication waits for the one before.
+uint64_t HashOf(const Stack& stack) {
+  constexpr uint64_t kOdd = 0x9E3779B97F4A7C15;
+  uint64_t even = stack.depth, odd = stack.epoch;
+  for (uint32_t i = 0; i + 1 < stack.depth; i += 2) {
+    even = (even ^ reinterpret_cast<uint64_t>(stack.frames[i])) * kOdd;
+    odd = (odd ^ reinterpret_cast<uint64_t>(stack.frames[i + 1])) * kOdd;
+    even ^= even >> 32;
+    odd ^= odd >> 29;
+  }
+  if (stack.depth % 2 != 0) even ^= reinterpret_cast<uint64_t>(stack.frames[stack.depth - 1]);
+  uint64_t hash = (even ^ odd * kOdd) * kOdd;
+  hash ^= hash >> 31;
+  return hash * kOdd;
+}
+
+}  // namespace
+
+void InstallUnwinder() {
+  g_libcs = reinterpret_cast<BackTrace>(dlsym(RTLD_NEXT, "backtrace"));
+  void* frames[2];
+  if (g_libcs != nullptr) g_libcs(frames, 2);
+}
+
+void SetEpoch(Stack& stack, uint32_t epoch) {
+  stack.epoch = epoch;
+  stack.hash = HashOf(stack);
+}
+
+void CaptureStack(Stack& stack, uint32_t epoch, void* caller) {
+  stack.depth = __QvCaptureStackBackTrace(0, 0, 0, caller, 0, stack.frames);
+  if (QVHEAP_UNLIKELY(stack.depth == 0)) {
+    stack.frames[0] = caller;
+    stack.depth = 1;
+  }
+  SetEpoch(stack, epoch);
+}
+
+}  // namespace qvheap
+
+// Before the collector has started nobody can want a stack but the program's own early constructors.
+__attribute__((visibility("default"))) int backtrace(void** frames, int count) noexcept {
+  using namespace qvheap;
+  if (QVHEAP_LIKELY(t_inside)) {
+    const int found = Unwind(frames, count, static_cast<uint64_t*>(__builtin_frame_address(0)));
+    if (QVHEAP_LIKELY(found != 0)) return found;
+  }
+  if (g_libcs == nullptr) {
+    const Inside inside;
+    InstallUnwinder();
+  }
+  return g_libcs != nullptr ? g_libcs(frames, count) : 0;
+}

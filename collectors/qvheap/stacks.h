@@ -1,0 +1,31 @@
+// The call stack of an allocation, captured by the library.
+//
+// The library's capture calls `backtrace` by name. That name is exported here, and the collector comes first in the search
+// order: for the collector it is the collector's own unwinder (unwind.h), for the program libc's.
+//
+//   stack:  | capture | collector ... | wrapper's caller | ... program ... |
+//                                       '- first frame that is kept
+#pragma once
+
+#include "collectors/qvheap/words.h"
+
+namespace qvheap {
+
+inline constexpr uint32_t kMostFrames = 25;  // the library's, our own included
+
+// As a key of the table of sites: equal if epoch and frames are.
+struct Stack {
+  uint64_t hash;
+  uint32_t epoch;  // modules.h
+  uint32_t depth;
+  void* frames[kMostFrames];  // innermost first; in a kept stack only `depth` of them are there
+};
+
+void InstallUnwinder();  // libc's is found and loads what it needs: better now than in the middle of the program
+
+void SetEpoch(Stack& stack, uint32_t epoch);
+// From `caller` on, which is the return address of the wrapper. If the unwinder does not get so far, caller
+// alone. The caller is Looking.
+void CaptureStack(Stack& stack, uint32_t epoch, void* caller);
+
+}  // namespace qvheap
