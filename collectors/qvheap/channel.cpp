@@ -117,7 +117,7 @@ bool RegisterLocked() {
   if (__QvRegisterCommandHandlerWithHeartbeat(g_folder, OnCommand, nullptr, every) == 0) return false;
   g_content = {theCommandHandler.sharedMemoryId, ftok(g_lockFile, 0)};
   close(theCommandHandler.lockFileDescriptor);
-  theCommandHandler.lockFileDescriptor = kOpenedWhenLocked;
+  theCommandHandler.lockFileDescriptor = -1;  // the worker opens its own
   return true;
 }
 

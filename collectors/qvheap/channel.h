@@ -11,8 +11,8 @@
 // ended exits, so a worker that stayed would keep it alive.
 //
 // Invariants
-//  (1) The program must find every descriptor number free: none is held. The lock file is open while it is
-//      locked, which is only while the worker takes records (worker.h).
+//  (1) The program must find every descriptor number free: what the channel needs is in the worker's own
+//      table (worker.h).
 //  (2) What the channel is made of is removed by whoever ends it, without waiting for the worker: the
 //      semaphore's removal wakes it, and it finds the state changed. It alone detaches the area, so that
 //      it never looks at an area that is gone; or the end of the process does.

@@ -72,7 +72,6 @@ void FindRealFunctions() {
   Find(found.pvalloc, "pvalloc");
   Find(found.fclose, "fclose");
   Find(found.fopen, "fopen");
-  Find(found.flock, "flock");
   Find(found.exit, "_exit");
   Find(found.quickExit, "quick_exit");
   Find(found.daemon, "daemon");

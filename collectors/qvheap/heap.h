@@ -1,6 +1,6 @@
 // The allocator underneath, and the arena for what libc allocates on the collector's own behalf.
 //
-// The real functions (those that have nothing to do with memory: table.h, log.h, worker.h, ends.cpp) are the next ones in the loader's
+// The real functions (those that have nothing to do with memory: table.h, log.h, ends.cpp) are the next ones in the loader's
 // search order: libc's, or those of another allocator that the program brings. Finding them may itself
 // allocate, and so may the collector's calls into libc (streams for its files, exit handlers). Such
 // memory comes from a fixed arena: it is not the program's and must not be counted, and a report must
@@ -28,7 +28,6 @@ struct RealFunctions {
   int (*fclose)(FILE*);
   int (*dlclose)(void*);
   FILE* (*fopen)(const char*, const char*);
-  int (*flock)(int, int);
   void (*exit)(int);  // _exit
   void (*quickExit)(int);
   int (*daemon)(int, int);

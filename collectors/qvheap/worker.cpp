@@ -6,7 +6,6 @@
 #include <pthread.h>
 #include <sched.h>
 #include <setjmp.h>
-#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -15,7 +14,6 @@
 
 #include "collectors/qvheap/census.h"
 #include "collectors/qvheap/channel.h"
-#include "collectors/qvheap/heap.h"
 #include "collectors/qvheap/life.h"
 #include "collectors/qvheap/pause.h"
 
@@ -33,7 +31,6 @@ struct Work {
 constinit Work g_work = {};        // written before the thread is created
 constinit uint32_t g_exists = 0;   // 1 from the creation to the last act of the thread
 constinit int32_t g_threadId = 0;  // the system's
-constinit int g_lockFile = -1;     // while locked; the worker's
 constinit thread_local jmp_buf* t_end = nullptr;
 
 void RunOnce() {
@@ -51,6 +48,7 @@ bool ChannelGoesOn() {
   return false;
 }
 
+// The lock file's descriptor is one of the worker's table, which goes with the worker.
 void DetachArea() {
   CollectorCommandHandler& handler = theCommandHandler;
   if (handler.sharedArea != nullptr) shmdt(handler.sharedArea);
@@ -58,13 +56,33 @@ void DetachArea() {
   handler.lockFileDescriptor = handler.sharedMemoryId = handler.semaphoreId = -1;
 }
 
-// Signals were blocked by whoever created the thread. The lock is passed through once: the channel is
-// complete when its opener has let go of it.
+// An empty table of descriptors, of this thread alone. Descriptors 0 to 2 are occupied once and for all:
+// the library avoids them.
+bool LeaveDescriptors() {
+  if (close_range(0, ~0u, CLOSE_RANGE_UNSHARE) != 0) return false;
+  for (int i = 0; i <= STDERR_FILENO; i++) {
+    if (open("/dev/null", O_RDWR | O_CLOEXEC) != i) return false;
+  }
+  return true;
+}
+
+void EquipLocked() {
+  if (g_channelState != ChannelState::kOpen) return;
+  int& lockFile = theCommandHandler.lockFileDescriptor;
+  if (LeaveDescriptors()) lockFile = open(theCommandHandler.lockFilePath, O_RDWR | O_CLOEXEC);
+  if (lockFile == -1) CloseChannelLocked(ChannelState::kOff);
+}
+
+// Signals were blocked by whoever created the thread. It waits for the lock, since the channel is
+// complete when its opener has let go of that.
 void* RunWorker(void*) {
   t_inside = true;
   prctl(PR_SET_NAME, "qvheap");
   __atomic_store_n(&g_threadId, gettid(), __ATOMIC_RELEASE);
-  { const SpinGuard guard(g_censusLock); }
+  {
+    const SpinGuard guard(g_censusLock);
+    EquipLocked();
+  }
   do {
     RunOnce();
   } while (ChannelGoesOn());
@@ -101,22 +119,6 @@ bool ThreadIsGone(int32_t threadId) {
   return threadId != 0 && syscall(SYS_tgkill, getpid(), threadId, 0) == -1 && errno == ESRCH;
 }
 
-// Of the worker, on kOpenedWhenLocked. Between the two the census lock is held.
-int LockForWorker(int operation) {
-  if ((operation & LOCK_UN) == 0) {
-    __QvAcquireSpinLock(&g_censusLock);
-    g_lockFile = g_channelState == ChannelState::kOpen
-                     ? safeOpen(theCommandHandler.lockFilePath, O_RDWR | O_CLOEXEC, 0)
-                     : -1;
-    if (g_lockFile != -1 && g_real.flock(g_lockFile, operation) == 0) return 0;
-  }
-  const int descriptor = g_lockFile;
-  g_lockFile = -1;
-  if (descriptor != -1) close(descriptor);
-  __QvReleaseSpinLock(&g_censusLock);
-  return (operation & LOCK_UN) != 0 ? 0 : -1;
-}
-
 }  // namespace
 
 void InstallWorkerServices() { __QvSetThreadProcs(CreateWorker, ExitWorker, WaitForWorker, AddFini); }
@@ -133,15 +135,6 @@ void ForgetWorker() {
   DetachArea();
   g_exists = 0;
   g_threadId = 0;
-  g_lockFile = -1;
 }
 
 }  // namespace qvheap
-
-// The program's calls, and the library's of the worker.
-__attribute__((visibility("default"))) int flock(int descriptor, int operation) noexcept {
-  using namespace qvheap;
-  if (descriptor == kOpenedWhenLocked && t_inside) return LockForWorker(operation);
-  if (QVHEAP_UNLIKELY(g_real.flock == nullptr)) EnterSlow();
-  return g_real.flock(descriptor, operation);
-}

@@ -195,6 +195,18 @@ TEST(QvheapChannel, TheProgramFindsEveryDescriptorFreeAndMayCloseThemAll) {
   }
 }
 
+// While snapshots, log and series are written, the program closes and replaces whatever descriptor it
+// can. What it writes goes to its own files, and nothing else does.
+TEST(QvheapChannel, TheProgramMayReplaceDescriptorsWhileWeWrite) {
+  Steered program("-dump all -every 1");
+  program.Tell("H 20000");
+  for (int i = 1; i <= 20; i++) Snapshot(program, program.Pid(), i);
+  EXPECT_EQ(program.Answer(), "hammered 20000");
+  for (int i = 3; i <= 40; i++) {
+    EXPECT_EQ(program.Read("own." + std::to_string(i)), std::string(20000, 'x')) << i;
+  }
+}
+
 // Each ends the wait on a semaphore, whatever signals are blocked.
 TEST(QvheapChannel, StopsDoNotEndTheChannel) {
   Steered program;

@@ -5,6 +5,7 @@
  *   F       forks; the child goes on, the parent waits for its end
  *   v N     N children of vfork run the program "true"
  *   C       closes all descriptors above 2 and opens files of its own on 3 to 40
+ *   H N     N times puts its own files on 3 to 40, whatever is there, and writes a byte to each
  *   U       tries to become a program that is not there
  *   E, S P  becomes this program anew, or the program P without any environment
  *   Q X N   ends by exit, _exit, quick_exit: status 6
@@ -78,6 +79,22 @@ static void TakeDescriptors(void) {
   Answer("wrong", wrong);
 }
 
+static void HammerDescriptors(long rounds) {
+  int files[38];
+  for (int i = 0; i < 38; i++) {
+    char name[32];
+    snprintf(name, sizeof name, "own.%d", i + 3);
+    files[i] = fcntl(open(name, O_CREAT | O_TRUNC | O_RDWR | O_APPEND, 0666), F_DUPFD, 100);
+  }
+  for (long round = 0; round < rounds; round++) {
+    for (int i = 0; i < 38; i++) {
+      close(i + 3);
+      if (dup2(files[i], i + 3) != i + 3 || write(i + 3, "x", 1) != 1) Answer("failed", i);
+    }
+  }
+  Answer("hammered", rounds);
+}
+
 static void* EndLater(void* argument) {
   usleep(100000);
   return argument;
@@ -107,6 +124,7 @@ int main(void) {
       case 'F': Fork(); continue;
       case 'v': SpawnMany(number); continue;
       case 'C': TakeDescriptors(); continue;
+      case 'H': HammerDescriptors(number); continue;
       case 'U': execlp("no-such-program", "it", "with", "arguments", (char*)NULL); break;
       case 'E': execl("/proc/self/exe", "steered", (char*)NULL); break;
       case 'S': Become(line + 2); break;
