@@ -83,18 +83,21 @@ const char* AsidePathLocked(uint32_t number) {
   return g_aside;
 }
 
-// A lock file with a free key. Files whose key is taken are kept until there is one, so that each gets
-// another inode.
-void MakeLockFileLocked() {
-  constexpr uint32_t kTries = 8;
+// A lock file with a free key; false if there is none to be had. Files whose key is taken are kept until
+// then, so that each gets another inode.
+bool MakeLockFileLocked() {
+  constexpr uint32_t kTries = 16;
   uint32_t tried = 0;
-  for (;;) {
+  bool found = false;
+  while (!found && tried < kTries) {
     const int file = safeOpen(g_lockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (file != -1) close(file);
-    if (tried == kTries || KeyIsFree()) break;
-    rename(g_lockFile, AsidePathLocked(tried++));
+    if (file == -1) break;
+    close(file);
+    found = KeyIsFree();
+    if (!found) rename(g_lockFile, AsidePathLocked(tried++));
   }
   while (tried > 0) unlink(AsidePathLocked(--tried));
+  return found;
 }
 
 // The child of a vfork runs as its parent's thread, but is another process.
@@ -125,10 +128,9 @@ void OpenChannelLocked() {
   g_channelState = ChannelState::kOff;  // a failure is not tried again
   RemoveLeftovers();
   mkdir(g_folder, 0700);
-  MakeLockFileLocked();
   InstallWorkerServices();
   if (!g_keyExists) g_keyExists = pthread_key_create(&g_mainKey, MainThreadEnded) == 0;
-  if (!g_keyExists || !RegisterLocked()) {
+  if (!g_keyExists || !MakeLockFileLocked() || !RegisterLocked()) {
     QVHEAP_DUMP_LOCKED(kDumpChannel, "no channel could be opened in %s", g_folder);
     unlink(g_lockFile);
     rmdir(g_folder);

@@ -2,6 +2,7 @@
  * line. It allocates nothing else.
  *
  *   a N     allocates N bytes          f       releases the latest block
+ *   r N     resizes the latest block
  *   F       forks; the child goes on, the parent waits for its end
  *   v N     N children of vfork run the program "true"
  *   C       closes all descriptors above 2 and opens files of its own on 3 to 40
@@ -121,6 +122,7 @@ int main(void) {
     switch (line[0]) {
       case 'a': g_blocks[g_count++] = malloc((size_t)number); break;
       case 'f': free(g_blocks[--g_count]); break;
+      case 'r': g_blocks[g_count - 1] = realloc(g_blocks[g_count - 1], (size_t)number); break;
       case 'F': Fork(); continue;
       case 'v': SpawnMany(number); continue;
       case 'C': TakeDescriptors(); continue;
