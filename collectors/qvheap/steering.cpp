@@ -13,6 +13,7 @@
 #include "collectors/qvheap/pause.h"
 #include "collectors/qvheap/raised_signals.h"
 #include "collectors/qvheap/report.h"
+#include "collectors/qvheap/sites.h"
 
 namespace qvheap {
 namespace {
@@ -67,13 +68,18 @@ void HeartbeatLocked() {
   AppendToSeriesLocked(kHeadings, line);
 }
 
+void RestartPeaksLocked() {
+  ResetPeakLocked();
+  RestartSitePeaks(BalanceOf(SumLocked().counts));
+}
+
 void ObeyLocked(int code) {
   QVHEAP_DUMP_LOCKED(kDumpChannel, "command %d", code);
   switch (code) {
     case kCommandSnapshot: return SnapshotLocked();
     case kCommandPause: return PauseLocked();
     case kCommandResume: return ResumeLocked();
-    case kCommandResetPeak: return ResetPeakLocked();
+    case kCommandResetPeak: return RestartPeaksLocked();
     case kCommandStop: return CloseChannelLocked(ChannelState::kOff);
     default: return;
   }
