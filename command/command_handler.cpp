@@ -98,6 +98,27 @@ bool AttachSegment(CollectorCommandHandler& handler) {
   return true;
 }
 
+// An instance is used again without having been cleaned up: its fields are set free, and what this
+// process made goes. The area stays attached, since the former worker may be just reading it. Gives the
+// former semaphore, which the new channel may take over, or -1. In the child of a fork the channel is
+// the parent's, who keeps it.
+int GiveUpFormer(CollectorCommandHandler& handler) {
+  int semaphore = -1;
+  shmid_ds info;
+  if (handler.sharedMemoryId != -1 && shmctl(handler.sharedMemoryId, IPC_STAT, &info) == 0) {
+    if (info.shm_cpid == getpid()) {
+      shmctl(handler.sharedMemoryId, IPC_RMID, nullptr);
+      semaphore = handler.semaphoreId;
+    } else if (handler.sharedArea != nullptr) {
+      shmdt(handler.sharedArea);
+    }
+  }
+  if (handler.lockFileDescriptor != -1) close(handler.lockFileDescriptor);
+  handler.sharedArea = nullptr;
+  handler.lockFileDescriptor = handler.sharedMemoryId = handler.semaphoreId = -1;
+  return semaphore;
+}
+
 }  // namespace
 
 // Standard descriptors that the program has closed are occupied for as long as it takes to open the
@@ -142,9 +163,11 @@ int CollectorCommandHandler::initializeCommandHandler(const char* directory,
   if (callback == nullptr) return 0;
   commandCallback = callback;
   callbackContext = context;
-  // What a former channel of this instance left is given up first, so that no segment stays behind.
-  destroySharedMemoryAndLockFile(QVCMDHDLR_CLEAN_DETACH);
-  if (!BuildLockFilePath(directory, lockFilePath) || !createSharedMemoryAndLockFile()) return 0;
+  if (!BuildLockFilePath(directory, lockFilePath)) return 0;
+  const int former = GiveUpFormer(*this);
+  const int created = createSharedMemoryAndLockFile();
+  if (former != -1 && former != semaphoreId) semctl(former, 0, IPC_RMID);
+  if (created == 0) return 0;
   memset(sharedArea, 0, sizeof(CommandArea));
   qv::StoreRelease(sharedArea->ready, 1u);
   releaseLock();

@@ -11,7 +11,8 @@
 // Invariants
 //  (1) The lock file is locked exclusively from before the segment exists until the area is zeroed and
 //      marked ready; afterwards the tool holds the lock only while it takes records, and never waits.
-//  (2) The callback runs on the worker, one call at a time, without the lock, on private copies.
+//  (2) The callback runs on the worker, one call at a time, without the lock, on private copies. One
+//      worker serves a registration; one of an earlier registration passes its wake-up on and ends.
 //  (3) What the area holds is another process's word: counts are read once and clamped.
 //  (4) The worker does not look at the channel before set-up is over: g_setUp moves from kRunning to
 //      kDone or kFailed with release order, and the worker waits for that with acquire.

@@ -566,9 +566,10 @@ typedef enum _QVCMDHDLRCLEANEXTENT {
 
 /* 1 if the channel is up. 0, with everything undone: a thread-service proc is missing, the thread or a
  * kernel object could not be made, the callback is null, the path would pass 4,095 bytes (found before
- * anything is created), the lock file's semaphore key is 0, or a worker serves the channel already. A
- * null or empty directory is the current one. heartbeatSeconds 0: no heartbeats. The worker waits until
- * set-up is over and ends if it failed; one started after a shut-down ends at its first wake-up. */
+ * anything is created), or the lock file's semaphore key is 0. A null or empty directory is the current
+ * one. heartbeatSeconds 0: no heartbeats. The worker waits until set-up is over and ends if it failed;
+ * one started after a shut-down ends at its first wake-up. Registering while the channel is up moves it:
+ * the former worker ends, the objects of this process go; a forked child leaves its parent's alone. */
 QV_API int __QvRegisterCommandHandlerWithHeartbeat(const char* directory, QV_COMMAND_CALLBACK callback,
                                                    void* context, int heartbeatSeconds);
 QV_API int __QvRegisterCommandHandler(const char* directory, QV_COMMAND_CALLBACK callback,

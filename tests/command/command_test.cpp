@@ -129,8 +129,6 @@ TEST(CommandChannel, BatchesArriveInOrderOnceAndTheObjectsGoAtTheEnd) {
     CHECK(strcmp(theCommandHandler.lockFilePath, "./run/obkcmds.dat") == 0);
     struct stat info;
     CHECK(stat("run/obkcmds.dat", &info) == 0 && (info.st_mode & 0777) == 0600 && info.st_size == 8);
-    CHECK_EQ(__QvRegisterCommandHandler("run", OnCommand, &delivered),
-             0);  // a worker serves it already
     Controller controller("run/obkcmds.dat");
     CHECK_EQ(controller.Ready(), 1u);
     std::mt19937 random(3);
@@ -268,6 +266,95 @@ TEST(CommandChannel, TheWorkerIsHeldUntilSetUpIsOver) {
     __QvShutdownCommandHandler();
     __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
     CheckNothingIsLeft(controller);
+  });
+  EXPECT_TRUE(child.Ok()) << child.status << child.err;
+}
+
+void SendOne(Controller& controller, int code) {
+  controller.Lock();
+  controller.Write(0, code, "");
+  controller.SetPending(1);
+  controller.Unlock();
+  controller.Post();
+}
+
+// The former worker may still wait on the semaphore, and takes nothing away from the new one.
+TEST(CommandChannel, RegisteredAgainItMovesAndLosesNothing) {
+  const auto child = qvtest::RunChild([] {
+    QvHostInstall();
+    mkdir("other", 0755);
+    Delivered first, second;
+    CHECK_EQ(__QvRegisterCommandHandler("", OnCommand, &first), 1);
+    Controller former("obkcmds.dat");
+    SendOne(former, 1);
+    Await([&] { return first.Count() == 1; });
+    CHECK_EQ(__QvRegisterCommandHandler("", nullptr, nullptr), 0);  // changes nothing
+    SendOne(former, 2);
+    Await([&] { return first.Count() == 2; });
+    CHECK_EQ(__QvRegisterCommandHandler("", OnCommand, &second), 1);  // the same semaphore
+    {
+      Controller same("obkcmds.dat");
+      CHECK(same.SegmentId() != former.SegmentId() && same.SemaphoreId() == former.SemaphoreId());
+      for (int i = 3; i < 20; i++) {
+        SendOne(same, i);
+        Await([&] { return second.Count() == size_t(i - 2); });
+      }
+      CHECK_EQ(__QvRegisterCommandHandler("other", OnCommand, &second), 1);
+      CHECK_EQ(semctl(same.SemaphoreId(), 0, GETVAL), -1);
+    }
+    Controller other("other/obkcmds.dat");
+    SendOne(other, 20);
+    Await([&] { return second.Count() == 18; });
+    // A child of a fork takes nothing from its parent when it opens a channel of its own.
+    mkdir("child", 0755);
+    const pid_t pid = fork();
+    if (pid == 0) {
+      _exit(__QvRegisterCommandHandler("child", OnCommand, &first) == 1 &&
+                    theCommandHandler.sharedMemoryId != other.SegmentId()
+                ? (__QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL), 0)
+                : 1);
+    }
+    int status = -1;
+    CHECK(waitpid(pid, &status, 0) == pid && status == 0);
+    shmid_ds info;
+    CHECK(shmctl(other.SegmentId(), IPC_STAT, &info) == 0 && (info.shm_perm.mode & SHM_DEST) == 0);
+    SendOne(other, 21);
+    Await([&] { return second.Count() == 19; });
+    // After a shut-down a worker ends at its first wake-up, and delivers nothing.
+    __QvShutdownCommandHandler();
+    CHECK_EQ(__QvRegisterCommandHandler("other", OnCommand, &second), 1);
+    Controller last("other/obkcmds.dat");
+    SendOne(last, 22);
+    Await([&] { return semctl(last.SemaphoreId(), 0, GETVAL) == 0; });
+    usleep(20000);
+    CHECK_EQ(last.Pending(), 1);
+    CHECK_EQ(first.Count() + second.Count(), 21u);
+    __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+  });
+  EXPECT_TRUE(child.Ok()) << child.status << child.err;
+}
+
+// An engine whose create-thread proc runs the worker there and then.
+TEST(CommandChannel, AWorkerOnTheRegisteringThreadEnds) {
+  const auto child = qvtest::RunChild([] {
+    static int exits = 0;
+    __QvSetThreadProcs(
+        [](QV_THREAD_FUNCTION function, intptr_t argument, uint64_t reserved, uint64_t* handle) {
+          CHECK(argument == -7 && reserved == 0);
+          *handle = 5;
+          function(argument);
+          return 1u;
+        },
+        [](int32_t code) { exits += 1 + code; },
+        [](uint64_t* handle, uint32_t limit, int32_t* code) {
+          CHECK(*handle == 5 && limit == 1000 && code == nullptr);
+          return 1u;
+        },
+        [](QV_FINI_FUNCTION, void* argument) { return uint32_t{argument == nullptr}; });
+    CHECK_EQ(__QvRegisterCommandHandlerWithHeartbeat("", OnCommand, nullptr, -7), 1);
+    CHECK_EQ(exits, 1);
+    __QvShutdownCommandHandler();
+    __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
   });
   EXPECT_TRUE(child.Ok()) << child.status << child.err;
 }
