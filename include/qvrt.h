@@ -688,7 +688,7 @@ QV_API uint16_t __QvCaptureStackBackTrace(uintptr_t unused1, uintptr_t unused2, 
 /* backtrace_symbols: one allocation that the caller gives to the system's free. */
 QV_API char** __QvGetStackBackTraceSymbols(void* const* frames, int count);
 QV_API void* __QvRtLoadImage(const char* path); /* dlopen with RTLD_NOW; null if it fails */
-QV_API void* __QvRtGetSymbol(void* image, const char* name); /* null for a null image too */
+QV_API void* __QvRtGetSymbol(void* image, const char* name); /* null for a null argument too */
 
 /* ==== 11 Debug dump channels ====================================================================
  * Diagnostic output that is switched on by topic while the program runs. A channel map names the

@@ -30,7 +30,7 @@ char** __QvGetStackBackTraceSymbols(void* const* frames, int count) {
 void* __QvRtLoadImage(const char* path) { return dlopen(path, RTLD_NOW); }
 
 void* __QvRtGetSymbol(void* image, const char* name) {
-  if (image == nullptr) return nullptr;
+  if (image == nullptr || name == nullptr) return nullptr;
   dlerror();
   void* const address = dlsym(image, name);
   return dlerror() == nullptr ? address : nullptr;

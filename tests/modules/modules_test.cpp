@@ -202,6 +202,7 @@ TEST(Images, LoadAndLookUp) {
     CHECK(image != nullptr);
     CHECK(__QvRtGetSymbol(image, "cos") == dlsym(image, "cos") && dlsym(image, "cos") != nullptr);
     CHECK(__QvRtGetSymbol(image, "no_such_symbol") == nullptr);
+    CHECK(__QvRtGetSymbol(image, nullptr) == nullptr);
   });
   EXPECT_TRUE(child.Ok()) << child.err;
 }

@@ -85,6 +85,13 @@ TEST_F(Qvnotes, AddsDefinitionsAndReportsWhatItCannotRead) {
       << listed.text;
   EXPECT_EQ(listed.text.find("other"), std::string::npos);
   EXPECT_EQ(RunShell(QVNOTES " --definitions " + folder_ + "/none " + image_).status, 2);
+  // Definitions are what an image without the section has.
+  std::ofstream(folder_ + "/plain") << "only \"" QVNOTES "\" 10\n";
+  const Result plain = RunShell(QVNOTES " --definitions " + folder_ + "/plain " QVNOTES);
+  EXPECT_EQ(plain.status, 0) << plain.text;
+  EXPECT_NE(plain.text.find("  definitions\n  0000000000000010  -                 0  only\n"),
+            std::string::npos)
+      << plain.text;
 
   std::ofstream(folder_ + "/text") << "no image";
   const Result text = RunShell(QVNOTES " " + folder_ + "/text");

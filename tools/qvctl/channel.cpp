@@ -136,6 +136,10 @@ Facts Channel::Look() const {
 
 // Lock held. False if there is no room.
 bool Channel::TryAppend(const CommandRecord& record) {
+  LockFileContent content;
+  if (!ReadContent(file_, content) || content.segmentId != segmentId_) {
+    Fail(kStaleFile, "the tool has opened its channel anew meanwhile");
+  }
   if (__atomic_load_n(&area_->ready, __ATOMIC_ACQUIRE) != 1) {
     Fail(kNotReady, "the tool has not finished setting the channel up");
   }

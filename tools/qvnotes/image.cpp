@@ -42,6 +42,7 @@ uint64_t LowestLoadedAddress(Elf* elf) {
   return lowest == UINT64_MAX ? 0 : lowest;
 }
 
+// Null if there is none.
 Elf_Scn* FindSection(Elf* elf, GElf_Shdr& header) {
   size_t names = 0;
   if (elf_getshdrstrndx(elf, &names) != 0) Fail("damaged: it has no table of section names");
@@ -50,12 +51,13 @@ Elf_Scn* FindSection(Elf* elf, GElf_Shdr& header) {
     const char* const name = elf_strptr(elf, names, header.sh_name);
     if (name != nullptr && strcmp(name, kSectionName) == 0) return s;
   }
-  Fail("has no section .ubq_notify_tab");
+  return nullptr;
 }
 
 void ReadSection(Elf* elf, Image& image) {
   GElf_Shdr header;
   Elf_Scn* const section = FindSection(elf, header);
+  if (section == nullptr) return;
   if (header.sh_type == SHT_NOBITS) Fail("damaged: its section .ubq_notify_tab has no contents");
   const Elf_Data* const data = elf_rawdata(section, nullptr);
   if (data == nullptr || data->d_size != header.sh_size || (data->d_size != 0 && !data->d_buf)) {
@@ -64,6 +66,7 @@ void ReadSection(Elf* elf, Image& image) {
   const unsigned char* const bytes = static_cast<const unsigned char*>(data->d_buf);
   image.section.assign(bytes, bytes + data->d_size);
   image.sectionAddress = header.sh_addr;
+  image.hasSection = true;
 }
 
 }  // namespace

@@ -10,13 +10,14 @@
 namespace qvnotes {
 
 struct Image {
+  bool hasSection = false;
   std::vector<unsigned char> section;
   uint64_t sectionAddress = 0;
   uint64_t base = 0;  // lowest address of a loaded segment
 };
 
 // Reads an image. Throws std::runtime_error with a message for people: not there, no ELF image,
-// damaged, no such section.
+// damaged.
 Image ReadImage(const std::string& path);
 
 }  // namespace qvnotes

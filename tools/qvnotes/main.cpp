@@ -29,7 +29,7 @@ constexpr char kUsageText[] =
     "Lists the annotations of ELF images: address, place of the value, probe size, name. Addresses "
     "are\n"
     "those of the image's link. --definitions adds the annotations of a text file to the images whose\n"
-    "path it names.\n"
+    "path it names; such an image needs no annotations of its own.\n"
     "\n"
     "exit status: 0 all listed, 1 usage, 2 an image or a definitions file could not be read or is "
     "damaged\n";
@@ -93,10 +93,12 @@ class Listing {
     TakeMessages();
   }
 
-  void ListDefinitions(uint64_t base) {
+  // True if there are any.
+  bool ListDefinitions(uint64_t base) {
     bool headed = false;
     heading_ = &headed;
     __QvZCAProcessExternalRecords(path_.c_str(), base, OnDefinition, this);
+    return headed;
   }
 
   bool Damaged() const { return damaged_; }
@@ -179,8 +181,9 @@ bool ListImage(const std::string& path, bool hasDefinitions, Messages& messages)
   Listing listing(path, messages);
   try {
     const Image image = ReadImage(path);
-    listing.ListSection(image);
-    if (hasDefinitions) listing.ListDefinitions(image.base);
+    if (image.hasSection) listing.ListSection(image);
+    const bool defined = hasDefinitions && listing.ListDefinitions(image.base);
+    if (!image.hasSection && !defined) throw std::runtime_error("has no section .ubq_notify_tab");
   } catch (const std::runtime_error& error) {
     fflush(stdout);
     fprintf(stderr, "qvnotes: %s: %s\n", path.c_str(), error.what());
