@@ -17,6 +17,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -241,6 +242,33 @@ TEST_F(Qvctl, TwoControllersLoseAndDoubleNothingWhileOthersAreKilledWithTheLock)
   }
   EXPECT_EQ(next[0], 1150);
   EXPECT_EQ(next[1], 2150);
+}
+
+// A tool may open its channel anew between a controller's look and its turn: what is then appended to
+// the former area would be lost.
+TEST_F(Qvctl, ACommandIsNotSentToAFormerArea) {
+  StartTool();
+  const int file = open((folder_ + "/obkcmds.dat").c_str(), O_RDWR);
+  int id = -1;
+  ASSERT_EQ(pread(file, &id, sizeof id, 0), 4);
+  ASSERT_EQ(flock(file, LOCK_EX), 0);
+  Result sent = {-1, ""};
+  std::thread controller([&] { sent = Ctl("send 5 --timeout 60"); });
+  shmid_ds info = {};
+  for (int i = 0; i < 30000 && info.shm_nattch < 2; i++) {
+    usleep(1000);
+    shmctl(id, IPC_STAT, &info);
+  }
+  const int other = id + 1;
+  EXPECT_EQ(pwrite(file, &other, sizeof other, 0), 4);
+  flock(file, LOCK_UN);
+  controller.join();
+  EXPECT_EQ(sent.status, 3) << sent.text;
+  EXPECT_EQ(pwrite(file, &id, sizeof id, 0), 4);
+  close(file);
+  EXPECT_EQ(Ctl("send 1").status, 0);
+  EXPECT_EQ(StopTool(0), 0);
+  EXPECT_EQ(Output(), "up\n1 0 \n");
 }
 
 TEST_F(Qvctl, AToolKilledAtAnyStepOfSetUpIsCleanedUpAndTheNextOneWorks) {
