@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <map>
-#include <tuple>
 #include <unordered_map>
 
 #include "tools/qvheap/report/formats.h"
@@ -33,13 +32,7 @@ void Add(Cost& to, const Cost& cost) {
 // What makes a function of the graph; the level counts its appearances on a stack, from outside.
 struct Key {
   uint32_t function, module, level;
-  auto operator<=>(const Key&) const = default;
-};
-
-struct Call {
-  uint32_t callee;
-  int line;
-  auto operator<=>(const Call&) const = default;
+  bool operator==(const Key&) const = default;
 };
 
 struct Node {
@@ -47,7 +40,25 @@ struct Node {
   uint32_t source = 0;
   int line = 0;  // the first one seen: where a callee is said to be
   std::map<int, Cost> own;
-  std::map<Call, Cost> calls;
+};
+
+struct Call {
+  uint32_t caller, callee;
+  int line;  // of the call, in the caller
+  auto operator<=>(const Call&) const = default;
+};
+
+struct Hash {
+  size_t operator()(const Key& key) const {
+    return Mix(uint64_t{key.function} << 32 | key.module, key.level);
+  }
+  size_t operator()(const Call& call) const {
+    return Mix(uint64_t{call.caller} << 32 | call.callee, uint64_t(call.line));
+  }
+  static size_t Mix(uint64_t a, uint64_t b) {
+    const uint64_t mixed = (a ^ b * 0xD6E8FEB86659FD93u) * 0x9E3779B97F4A7C15u;
+    return mixed ^ mixed >> 32;
+  }
 };
 
 class Graph {
@@ -57,7 +68,7 @@ class Graph {
   void Add(const NamedSite& site) {
     const Cost cost = CostOf(site.figures);
     qvheap::Add(total_, cost);
-    std::map<std::pair<uint32_t, uint32_t>, uint32_t> levels;
+    levels_.clear();
     uint32_t caller = 0;
     int line = 0;
     bool some = false;
@@ -66,8 +77,8 @@ class Graph {
       const bool recurses = some && nodes_[caller].key.function == frame.function &&
                             nodes_[caller].key.module == frame.module;
       if (!recurses) {
-        const uint32_t callee = NodeOf(frame, ++levels[{frame.function, frame.module}]);
-        if (some) qvheap::Add(nodes_[caller].calls[{callee, line}], cost);
+        const uint32_t callee = NodeOf(frame, ++levels_[{frame.function, frame.module, 0}]);
+        if (some) qvheap::Add(calls_[{caller, callee, line}], cost);
         caller = callee;
       }
       line = frame.line;
@@ -79,7 +90,15 @@ class Graph {
 
   void Write(Writer& out) {
     out.Print("summary: %s\n", Text(total_).c_str());
-    for (const Node& node : nodes_) WriteNode(node, out);
+    std::vector<std::pair<Call, Cost>> calls(calls_.begin(), calls_.end());
+    std::sort(calls.begin(), calls.end());
+    auto call = calls.begin();
+    for (uint32_t id = 0; id < nodes_.size(); id++) {
+      WriteNode(nodes_[id], out);
+      for (; call != calls.end() && call->first.caller == id; ++call) {
+        WriteCall(call->first, call->second, out);
+      }
+    }
     out.Print("\ntotals: %s\n", Text(total_).c_str());
   }
 
@@ -87,7 +106,7 @@ class Graph {
   uint32_t NodeOf(const Frame& frame, uint32_t level) {
     const Key key{frame.function, frame.module, level};
     const auto [at, isNew] = ids_.try_emplace(key, uint32_t(nodes_.size()));
-    if (isNew) nodes_.push_back({key, frame.source, frame.line, {}, {}});
+    if (isNew) nodes_.push_back({key, frame.source, frame.line, {}});
     return at->second;
   }
 
@@ -98,7 +117,7 @@ class Graph {
   }
 
   // "(3) name" when it is written first, "(3)" from then on.
-  std::string Compressed(std::map<std::string, size_t>& known, const std::string& name) {
+  std::string Compressed(std::unordered_map<std::string, size_t>& known, const std::string& name) {
     const auto [at, isNew] = known.try_emplace(name, known.size() + 1);
     const std::string id = "(" + std::to_string(at->second) + ")";
     return isNew ? id + " " + name : id;
@@ -124,22 +143,26 @@ class Graph {
     out.Print("fl=%s\n", SourceText(node.source).c_str());
     out.Print("fn=%s\n", FunctionText(node.key).c_str());
     for (const auto& [line, cost] : node.own) out.Print("%d %s\n", line, Text(cost).c_str());
-    for (const auto& [call, cost] : node.calls) {
-      const Node& callee = nodes_[call.callee];
-      out.Print("cob=%s\n", ModuleText(callee.key.module).c_str());
-      out.Print("cfi=%s\n", SourceText(callee.source).c_str());
-      out.Print("cfn=%s\n", FunctionText(callee.key).c_str());
-      // A reader takes the costs after no calls for the function's own.
-      out.Print("calls=%ld %d\n", std::max<int64_t>(cost[kEvents - 1], 1), callee.line);
-      out.Print("%d %s\n", call.line, Text(cost).c_str());
-    }
+  }
+
+  void WriteCall(const Call& call, const Cost& cost, Writer& out) {
+    const Node& callee = nodes_[call.callee];
+    out.Print("cob=%s\n", ModuleText(callee.key.module).c_str());
+    out.Print("cfi=%s\n", SourceText(callee.source).c_str());
+    out.Print("cfn=%s\n", FunctionText(callee.key).c_str());
+    // A reader takes the costs after no calls for the function's own.
+    out.Print("calls=%ld %d\n", std::max<int64_t>(cost[kEvents - 1], 1), callee.line);
+    out.Print("%d %s\n", call.line, Text(cost).c_str());
   }
 
   const Symbols& symbols_;
   std::vector<Node> nodes_;
-  std::map<Key, uint32_t> ids_;
+  std::unordered_map<Key, uint32_t, Hash> ids_;
+  std::unordered_map<Call, Cost, Hash> calls_;
+  std::unordered_map<Key, uint32_t, Hash>
+      levels_;  // appearances on the present stack; level 0 in the key
   Cost total_ = {};
-  std::map<std::string, size_t> functions_, sources_, modules_;
+  std::unordered_map<std::string, size_t> functions_, sources_, modules_;
 };
 
 }  // namespace

@@ -81,6 +81,7 @@ class Builder {
     (path_ += '/') += name;
     if (marks_.size() > kDeepest) return Refuse("its elements are nested too deeply");
     if (marks_.size() == 1) return StartHeap(name, attributes);
+    if (!CheckVersion()) return;
     const auto start = kStarts.find(path_);
     if (start != kStarts.end()) (this->*start->second)(attributes);
   }
@@ -91,6 +92,7 @@ class Builder {
     if (!wrong.empty() || marks_.empty()) return;
     path_.resize(marks_.back());
     marks_.pop_back();
+    if (marks_.empty()) CheckVersion();
     const auto end = kEnds.find(path_);
     if (end != kEnds.end()) (this->*end->second)(name);
     text_.clear();
@@ -149,16 +151,20 @@ class Builder {
     }
     const char* const version = attributes.Find("version");
     results_.version = version == nullptr ? "" : version;
-    if (results_.version.compare(0, 2, "2.") != 0) {
-      return Refuse("has version '" + results_.version.substr(0, 40) +
-                    "' of the form, and this qvheap reads versions 2.x" +
-                    (results_.version.compare(0, 2, "1.") == 0 ? " (it is an older qvheap's)" : ""));
-    }
     results_.pid = Number(attributes, "pid");
     results_.number = Number(attributes, "number");
     const char* const kind = attributes.Find("kind");
     results_.kind = kind == nullptr ? "end" : kind;
     sawHeap_ = true;
+  }
+
+  // Asked when the first tag is known to be whole: of a cut one the parser tells what is there.
+  bool CheckVersion() {
+    if (results_.version.compare(0, 2, "2.") == 0) return true;
+    Refuse("has version '" + results_.version.substr(0, 40) +
+           "' of the form, and this qvheap reads versions 2.x" +
+           (results_.version.compare(0, 2, "1.") == 0 ? " (it is an older qvheap's)" : ""));
+    return false;
   }
 
   void StartProcess(const Attributes&) { account_ = &results_.process; }
@@ -259,12 +265,15 @@ class Builder {
   }
 
   void EndStack(Site& site) {
-    constexpr const char* kBlanks = " \t\r\n";
-    for (size_t at = text_.find_first_not_of(kBlanks); at != std::string::npos;) {
-      const size_t end = std::min(text_.find_first_of(kBlanks, at), text_.size());
-      site.stack.push_back(Address("stack", text_.substr(at, end - at)));
+    const auto isBlank = [](char byte) {
+      return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
+    };
+    for (const char* at = text_.c_str(); *at != 0;) {
+      const char* const start = at;
+      while (*at != 0 && !isBlank(*at)) at++;
+      if (at != start) site.stack.push_back(Address("stack", std::string(start, at)));
       if (!wrong.empty()) return;
-      at = text_.find_first_not_of(kBlanks, end);
+      while (isBlank(*at)) at++;
     }
   }
 

@@ -1,6 +1,8 @@
 // Bytes into text. Design: tools/qvheap/report/text_cleaner.h.
 #include "tools/qvheap/report/text_cleaner.h"
 
+#include <algorithm>
+
 namespace qvheap {
 namespace {
 
@@ -22,6 +24,9 @@ bool IsControl(unsigned char byte) {
 
 unsigned char ByteAt(std::string_view text, size_t at) { return static_cast<unsigned char>(text[at]); }
 
+// What nearly all of a text is.
+bool IsPlain(char byte) { return byte >= ' ' && byte < 0x7F; }
+
 // U+FFFE and U+FFFF are no characters of XML.
 bool IsNonCharacter(std::string_view text) {
   return ByteAt(text, 0) == 0xEF && ByteAt(text, 1) == 0xBF && ByteAt(text, 2) >= 0xBE;
@@ -41,24 +46,23 @@ size_t CharacterBytes(std::string_view text) {
 }
 
 std::string TextCleaner::Clean(std::string_view piece) {
-  const std::string joined = waiting_ + std::string(piece);
-  std::string clean;
-  clean.reserve(joined.size());
+  std::string text = waiting_ + std::string(piece);
   waiting_.clear();
-  for (std::string_view rest = joined; !rest.empty();) {
-    const size_t bytes = CharacterBytes(rest);
-    if (bytes > rest.size()) {
-      waiting_ = rest;
+  for (size_t at = 0; at < text.size();) {
+    if (IsPlain(text[at])) {
+      at++;
+      continue;
+    }
+    const size_t bytes = CharacterBytes(std::string_view(text).substr(at));
+    if (bytes > text.size() - at) {
+      waiting_ = text.substr(at);
+      text.resize(at);
       break;
     }
-    if (bytes == 0) {
-      clean += '?';
-    } else {
-      clean += rest.substr(0, bytes);
-    }
-    rest.remove_prefix(bytes == 0 ? 1 : bytes);
+    if (bytes == 0) text[at] = '?';
+    at += std::max<size_t>(bytes, 1);
   }
-  return clean;
+  return text;
 }
 
 std::string TextCleaner::Finish() {

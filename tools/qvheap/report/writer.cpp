@@ -5,6 +5,7 @@
 #include <math.h>
 #include <stdarg.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <stdexcept>
@@ -33,12 +34,18 @@ size_t BytesOf(std::string_view text, size_t characters) {
 Writer::Writer(const std::string& path)
     : path_(path), stream_(path == "-" ? stdout : fopen(path.c_str(), "we")) {
   if (stream_ == nullptr) Fail(path, errno);
+  struct stat status;
+  isOurs_ = stream_ != stdout && fstat(fileno(stream_), &status) == 0 && S_ISREG(status.st_mode);
 }
 
 Writer::~Writer() {
-  if (stream_ == nullptr || stream_ == stdout) return;
-  fclose(stream_);
-  unlink(path_.c_str());
+  if (stream_ != nullptr) Remove();
+}
+
+void Writer::Remove() {
+  if (stream_ != stdout) fclose(stream_);
+  stream_ = nullptr;
+  if (isOurs_) unlink(path_.c_str());
 }
 
 void Writer::Print(const char* format, ...) {
@@ -50,15 +57,17 @@ void Writer::Print(const char* format, ...) {
 
 void Writer::Close() {
   errno = 0;
-  const bool failed = fflush(stream_) != 0 || ferror(stream_) != 0;
-  const int error = errno != 0 ? errno : EIO;
-  if (failed) Fail(path_, error);
-  if (stream_ != stdout && fclose(stream_) != 0) {
-    stream_ = nullptr;
-    unlink(path_.c_str());
-    Fail(path_, errno);
+  if (fflush(stream_) != 0 || ferror(stream_) != 0) {
+    const int error = errno != 0 ? errno : EIO;
+    Remove();
+    Fail(path_, error);
   }
+  FILE* const stream = stream_;
   stream_ = nullptr;
+  if (stream == stdout || fclose(stream) == 0) return;
+  const int error = errno;
+  if (isOurs_) unlink(path_.c_str());
+  Fail(path_, error);
 }
 
 std::string WithCommas(int64_t number) {

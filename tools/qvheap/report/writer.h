@@ -1,5 +1,6 @@
 // Where a report goes: standard output or a file, with the errors of writing told once, at the end. A
-// file that could not be written whole is removed: half a report looks like one.
+// file that could not be written whole is removed, for half a report looks like one; but not what was there
+// before and is no ordinary file, such as a device.
 #pragma once
 
 #include <stdint.h>
@@ -24,8 +25,11 @@ class Writer {
   void Close();
 
  private:
+  void Remove();
+
   const std::string path_;
   FILE* stream_;
+  bool isOurs_ = false;  // an ordinary file
 };
 
 // "12,345,678"
