@@ -9,6 +9,12 @@ include(CMakePackageConfigHelpers)
 install(TARGETS qvrt EXPORT qvrt LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 
+# What people read and type about the tools. The pages are mdoc, which man reads as it is.
+file(GLOB qvrt_man_pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.1)
+install(FILES ${qvrt_man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+file(GLOB qvrt_completions CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/completions/*)
+install(FILES ${qvrt_completions} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+
 set(qvrt_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qvrt)
 install(EXPORT qvrt NAMESPACE qvrt:: FILE qvrtTargets.cmake DESTINATION ${qvrt_package_dir})
 configure_package_config_file(cmake/qvrtConfig.cmake.in ${PROJECT_BINARY_DIR}/qvrtConfig.cmake
