@@ -103,6 +103,8 @@ class Roaring {
 
 // ---- Bodies -----------------------------------------------------------------------------------------
 
+constexpr size_t kDraws = 1 << 16;
+
 template <class Side>
 void UniteRepeatedly(benchmark::State& state, Values (*make)(size_t, uint32_t)) {
   const Values values = make(size_t(state.range(0)), 1);
@@ -154,10 +156,10 @@ void Contains(benchmark::State& state) {
   const Values values = Clustered(size_t(state.range(0)), 1);
   const Side side(values);
   std::mt19937 random(2);
-  Values wanted(1 << 16);
+  Values wanted(kDraws);
   for (uint32_t& value : wanted) value = uint32_t(random() % (values.back() + 1));
   size_t i = 0;
-  for (auto _ : state) benchmark::DoNotOptimize(side.Has(wanted[i++ % wanted.size()]));
+  for (auto _ : state) benchmark::DoNotOptimize(side.Has(wanted[i++ % kDraws]));
 }
 
 void AddSized(const char* group, const char* who, void (*body)(benchmark::State&), int64_t most) {

@@ -107,11 +107,26 @@ QV_INLINE QV_HASH_TABLE* LeafFor(QV_HASH_TABLE* table, uint64_t key) {
   return table;
 }
 
+// One of the two, without a branch.
+QV_INLINE QV_HASH_ENTRY* Choose(bool first, QV_HASH_ENTRY* one, QV_HASH_ENTRY* other) {
+  const uintptr_t mask = uintptr_t{0} - uintptr_t{first};
+  const uintptr_t a = reinterpret_cast<uintptr_t>(one), b = reinterpret_cast<uintptr_t>(other);
+  return reinterpret_cast<QV_HASH_ENTRY*>(b ^ ((a ^ b) & mask));
+}
+
 // ---- Chains. The caller holds what (3) asks for. -----------------------------------------------------
 
+// Two entries a step, the right one chosen by arithmetic: which of a chain's first entries it is cannot be
+// predicted, and a wrong guess costs more than looking at one entry too many.
 QV_INLINE QV_HASH_ENTRY* FindPlain(QV_HASH_ENTRY* entry, uint64_t key) {
-  while (entry != nullptr && entry->key != key) entry = entry->next;
-  return entry;
+  while (entry != nullptr) {
+    QV_HASH_ENTRY* const next = entry->next;
+    QV_HASH_ENTRY* const second = Choose(next != nullptr, next, entry);
+    QV_HASH_ENTRY* const found = Choose(entry->key == key, entry, second);
+    if (QV_LIKELY(found->key == key)) return found;
+    entry = second->next;
+  }
+  return nullptr;
 }
 
 // The link that names the entry with the key, or the null link at the end of its chain.

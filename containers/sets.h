@@ -162,26 +162,36 @@ bool SameElements(const Header& a, const Header& b) {
   return x == y;
 }
 
-// Source: a header of the same kind, or a set for a multiset.
+// Those of the new elements that there is room for; takes it.
+QV_INLINE uint64_t Admit(uint64_t fresh, uint32_t& room) {
+  if (fresh == 0) return 0;
+  uint32_t count = CountBits(fresh);
+  if (QV_UNLIKELY(count > room)) {
+    fresh = LowestBits(fresh, room);
+    count = room;
+  }
+  room -= count;
+  return fresh;
+}
+
+// Source: a header of the same kind, or a set for a multiset. A chunk of a set that gets nothing new is
+// not written: a union that is repeated until nothing changes costs little more than the walk.
 template <class Header, class Source>
 void Unite(Header& destination, const Source& source) {
+  constexpr bool kCounts = !std::is_same_v<Header, QV_SET>;
   uint32_t room = QV_SET_MAXIMUM_COUNT - destination.count;
   ChunkOf<Header>** link = &destination.chunks;
   for (const ChunkOf<Source>* from = source.chunks; from != nullptr; from = from->next) {
     link = FindLink(link, from->index);
     ChunkOf<Header>* to = *link;
-    const bool both = to != nullptr && to->index == from->index;
-    uint64_t fresh = both ? Bits(*from) & ~Bits(*to) : Bits(*from);
-    uint32_t count = CountBits(fresh);
-    if (QV_UNLIKELY(count > room)) {
-      fresh = LowestBits(fresh, room);
-      count = room;
-    }
-    room -= count;
-    if (both) {
-      AddContents(*to, *from, fresh);
-    } else if (QV_LIKELY(fresh != 0)) {
-      CopySome(*InsertChunk(destination, link, from->index), *from, fresh);
+    if (to != nullptr && to->index == from->index) {
+      const uint64_t fresh = Admit(Bits(*from) & ~Bits(*to), room);
+      if (kCounts || fresh != 0) AddContents(*to, *from, fresh);
+      link = &to->next;
+    } else if (const uint64_t fresh = Admit(Bits(*from), room)) {
+      to = InsertChunk(destination, link, from->index);
+      CopySome(*to, *from, fresh);
+      link = &to->next;
     }
   }
   destination.count = (QV_SET_MAXIMUM_COUNT - room) & QV_SET_MAXIMUM_COUNT;

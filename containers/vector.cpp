@@ -36,7 +36,7 @@ uint64_t* NewPage(const Vector& vector) {
 void CopyPage(uint64_t* to, const uint64_t* from) { memcpy(to, from, kPageBytes); }
 void ClearPage(uint64_t* page) { memset(page, 0, kPageBytes); }
 
-QV_COLD uint64_t* MakePageSlow(Vector& vector, uint32_t page) {
+uint64_t* MakePage(Vector& vector, uint32_t page) {
   uint64_t* const fresh = NewPage(vector);
   ClearPage(fresh);
   return vector.pages[page] = fresh;
@@ -53,14 +53,35 @@ Vector* Create(uint32_t category) {
   return Initialize(static_cast<Vector*>(Allocate(category, sizeof(Vector))), category);
 }
 
+// The element if the index is below the length and its page is there, else null. The length never passes
+// the last index, so there is one bound to look at.
+QV_INLINE uint64_t* ExistingElement(const Vector* vector, uint32_t index) {
+  if (QV_UNLIKELY(vector == nullptr || index >= Length(*vector))) return nullptr;
+  uint64_t* const page = vector->pages[index / kPageElements];
+  return QV_LIKELY(page != nullptr) ? page + index % kPageElements : nullptr;
+}
+
 // The element, which is about to be written: its page is made, the length reaches it. Null beyond the
 // last index.
-QV_INLINE uint64_t* ElementToWrite(Vector* vector, uint32_t index) {
-  if (QV_UNLIKELY(vector == nullptr || index >= kElements)) return nullptr;
+uint64_t* ElementToWrite(Vector* vector, uint32_t index) {
+  if (vector == nullptr || index >= kElements) return nullptr;
   uint64_t* page = vector->pages[index / kPageElements];
-  if (QV_UNLIKELY(page == nullptr)) page = MakePageSlow(*vector, index / kPageElements);
-  if (QV_UNLIKELY(index >= Length(*vector))) SetLength(*vector, index + 1);
+  if (page == nullptr) page = MakePage(*vector, index / kPageElements);
+  if (index >= Length(*vector)) SetLength(*vector, index + 1);
   return page + index % kPageElements;
+}
+
+// The first write to an element: whole calls, so that the usual ones need no stack.
+QV_COLD uint64_t SetSlow(Vector* vector, uint32_t index, uint64_t value) {
+  uint64_t* const element = ElementToWrite(vector, index);
+  if (element == nullptr) return 0;
+  const uint64_t before = *element;
+  *element = value;
+  return before;
+}
+QV_COLD uint64_t IncrementSlow(Vector* vector, uint32_t index) {
+  uint64_t* const element = ElementToWrite(vector, index);
+  return element == nullptr ? 0 : (*element)++;
 }
 
 // ---- Whole vectors ----------------------------------------------------------------------------------
@@ -112,12 +133,12 @@ void MaxPage(uint64_t* to, const uint64_t* from) {
   ProcessorHasAvx2() ? MaxPageAvx2(to, from) : MaxPageBaseline(to, from);
 }
 
-// The last page is taken whole: beyond the length both sides are 0. A page that starts at the length
-// has no element in the result and is not made.
+// The last page is taken whole: beyond the length both sides are 0. Where the length ends with a page,
+// the last page is the one behind it: all 0, and made if the source has it.
 void Max(Vector& destination, const Vector& source) {
   if (Length(destination) < Length(source)) SetLength(destination, Length(source));
   const uint32_t length = Length(destination);
-  for (uint32_t page = 0; page * kPageElements < length; page++) {
+  for (uint32_t page = 0; page <= length / kPageElements && page < kPages; page++) {
     uint64_t*& to = destination.pages[page];
     const uint64_t* const from = source.pages[page];
     if (from == nullptr) continue;
@@ -160,22 +181,22 @@ void __QvDestroyVector(Vector* vector) {
 }
 
 uint64_t __QvGetVectorElement(const Vector* vector, uint32_t index) {
-  if (vector == nullptr || index >= qv::Length(*vector)) return 0;
-  const uint64_t* const page = vector->pages[index / qv::kPageElements];
-  return page == nullptr ? 0 : page[index % qv::kPageElements];
+  const uint64_t* const element = qv::ExistingElement(vector, index);
+  return QV_LIKELY(element != nullptr) ? *element : 0;
 }
 
 uint64_t __QvSetVectorElement(Vector* vector, uint32_t index, uint64_t value) {
-  uint64_t* const element = qv::ElementToWrite(vector, index);
-  if (element == nullptr) return 0;
+  uint64_t* const element = qv::ExistingElement(vector, index);
+  if (QV_UNLIKELY(element == nullptr)) return qv::SetSlow(vector, index, value);
   const uint64_t before = *element;
   *element = value;
   return before;
 }
 
 uint64_t __QvIncrementVectorElement(Vector* vector, uint32_t index) {
-  uint64_t* const element = qv::ElementToWrite(vector, index);
-  return element == nullptr ? 0 : (*element)++;
+  uint64_t* const element = qv::ExistingElement(vector, index);
+  if (QV_UNLIKELY(element == nullptr)) return qv::IncrementSlow(vector, index);
+  return (*element)++;
 }
 
 void __QvCopyVector(Vector* destination, const Vector* source) {
