@@ -160,7 +160,7 @@ QV_HASH_ENTRY* NewEntry(const QV_HASH_TABLE& leaf, uint64_t key, void* data) {
 
 QV_INLINE QV_HASH_ENTRY* Find(const QV_HASH_TABLE& leaf, const QV_HASH_BUCKET& bucket, uint64_t key) {
   QV_HASH_ENTRY* entry = bucket.head;
-  if (QV_LIKELY(!ComparesByCall(leaf))) return FindPlain(entry, key);
+  if (QV_LIKELY(!ComparesByCall(leaf))) return FindPlain(leaf, entry, key);
   while (entry != nullptr && leaf.compareKeys(entry->key, key) == 0) entry = entry->next;
   return entry;
 }
@@ -192,21 +192,27 @@ QV_COLD void LeaveScansSlow(HashTable& leaf, QV_HASH_ENTRY** link, const QV_HASH
 
 // A locked instruction waits for the loads before it, but not for prefetches: the bucket comes in while
 // the table is being locked, the first entry while the bucket is. Both words may be out of date by the
-// time they are used, or of two different arrays; a prefetch does not mind.
-QV_INLINE void PrefetchBucket(const QV_HASH_TABLE& leaf, uint64_t key) {
+// time they are used, or of two different arrays; a prefetch does not mind. The table's lock is asked for
+// first, and to be written: where readers of two processors meet, one trip of its line then does for
+// finding out what the word is and for changing it.
+QV_INLINE void PrefetchLocks(const QV_HASH_TABLE& leaf, uint64_t key) {
+  PrefetchForWrite(&leaf.lock);
   if (leaf.hashFunctions[0] != HashByKey) return;
   const QV_HASH_BUCKET* const buckets = LoadRelaxed(leaf.buckets);
   const QV_HASH_BUCKET* const bucket = buckets + (key & uint64_t(LoadRelaxed(leaf.bucketCount) - 1));
-  __builtin_prefetch(&bucket->lock, 1);
+  PrefetchForWrite(&bucket->lock);
   __builtin_prefetch(&bucket->head);
 }
+// The key and what follows it: where chunks of the allocator begin, the link lies on the line before.
 QV_INLINE void PrefetchEntry(const QV_HASH_BUCKET& bucket) {
-  __builtin_prefetch(LoadRelaxed(bucket.head));
+  const QV_HASH_ENTRY* const entry = LoadRelaxed(bucket.head);
+  __builtin_prefetch(entry);
+  __builtin_prefetch(&entry->key);
 }
 
 void* LookupLocking(QV_HASH_TABLE& leaf, uint64_t key) {
   void* data = nullptr;
-  PrefetchBucket(leaf, key);
+  PrefetchLocks(leaf, key);
   SharedAcquire(leaf.lock);
   if (QV_LIKELY(LoadRelaxed(leaf.count) > 0)) {
     QV_HASH_BUCKET& bucket = BucketAt(leaf, LeafHash(leaf, key));
@@ -239,9 +245,11 @@ int32_t AcquireItem(const QV_HASH_ENTRY* entry, QV_HASH_ACQUIRE_DATA acquire, vo
 int32_t AcquireItemLocking(QV_HASH_TABLE& leaf, uint64_t key, QV_HASH_ACQUIRE_DATA acquire,
                            void*& out) {
   int32_t result = 1;
+  PrefetchLocks(leaf, key);
   SharedAcquire(leaf.lock);
   if (LoadRelaxed(leaf.count) > 0) {
     QV_HASH_BUCKET& bucket = BucketAt(leaf, LeafHash(leaf, key));
+    PrefetchEntry(bucket);
     SharedAcquire(bucket.lock);
     result = AcquireItem(Find(leaf, bucket, key), acquire, out);
     SharedRelease(bucket.lock);
@@ -252,8 +260,10 @@ int32_t AcquireItemLocking(QV_HASH_TABLE& leaf, uint64_t key, QV_HASH_ACQUIRE_DA
 
 // True if the key is there; the search that lets most duplicates go by without the exclusive lock.
 bool FindForInsertion(QV_HASH_TABLE& leaf, uint64_t key, uint32_t me, void*& data) {
+  PrefetchLocks(leaf, key);
   SharedAcquire(leaf.lock);
   QV_HASH_BUCKET& bucket = BucketAt(leaf, LeafHash(leaf, key));
+  PrefetchEntry(bucket);
   ExclusiveAcquireAs(bucket.lock, me);
   const QV_HASH_ENTRY* const entry = Find(leaf, bucket, key);
   if (entry != nullptr) data = entry->data;
@@ -278,8 +288,10 @@ void* InsertLocking(HashTable& leaf, uint64_t key, void* data) {
 }
 
 bool RemoveFromBucketLocking(HashTable& leaf, uint64_t key, uint32_t me, void*& data) {
+  PrefetchLocks(leaf, key);
   SharedAcquire(leaf.lock);
   QV_HASH_BUCKET& bucket = BucketAt(leaf, LeafHash(leaf, key));
+  PrefetchEntry(bucket);
   ExclusiveAcquireAs(bucket.lock, me);
   QV_HASH_ENTRY** const link = FindLink(leaf, bucket, key);
   const bool found = *link != nullptr;
@@ -379,7 +391,7 @@ QV_HASH_TABLE* __QvCreateHashTable(uint32_t flags, const QV_HASH_FUNCTION* hashF
 
 void* __QvLookupHashTable(QV_HASH_TABLE* table, uint64_t key) {
   if (QV_LIKELY(table != nullptr && qv::Own(*table).plain)) {
-    return qv::DataOf(qv::FindPlain(qv::BucketAt(*table, key).head, key));
+    return qv::DataOf(qv::FindPlain(*table, qv::BucketAt(*table, key).head, key));
   }
   return qv::Lookup(table, key);
 }

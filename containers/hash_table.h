@@ -107,26 +107,34 @@ QV_INLINE QV_HASH_TABLE* LeafFor(QV_HASH_TABLE* table, uint64_t key) {
   return table;
 }
 
-// One of the two, without a branch.
-QV_INLINE QV_HASH_ENTRY* Choose(bool first, QV_HASH_ENTRY* one, QV_HASH_ENTRY* other) {
-  const uintptr_t mask = uintptr_t{0} - uintptr_t{first};
-  const uintptr_t a = reinterpret_cast<uintptr_t>(one), b = reinterpret_cast<uintptr_t>(other);
-  return reinterpret_cast<QV_HASH_ENTRY*>(b ^ ((a ^ b) & mask));
+// `one` if the word is 0, else `other`; by a conditional move, which compilers are not to be talked into.
+QV_INLINE QV_HASH_ENTRY* IfZero(uint64_t word, QV_HASH_ENTRY* one, QV_HASH_ENTRY* other) {
+  __asm__("test %1, %1\n\tcmovz %2, %0" : "+r"(other) : "r"(word), "r"(one) : "cc");
+  return other;
 }
 
 // ---- Chains. The caller holds what (3) asks for. -----------------------------------------------------
 
-// Two entries a step, the right one chosen by arithmetic: which of a chain's first entries it is cannot be
-// predicted, and a wrong guess costs more than looking at one entry too many.
-QV_INLINE QV_HASH_ENTRY* FindPlain(QV_HASH_ENTRY* entry, uint64_t key) {
+// Which of its first entries ends the search of a chain cannot be predicted. While the table is in the
+// cache, a wrong guess costs more than an entry too many: two a step, the right one by arithmetic. In a
+// larger one the entry too many is a miss of the cache.
+inline constexpr int32_t kMostCachedBuckets = 1 << 15;
+
+QV_INLINE QV_HASH_ENTRY* FindPlainCached(QV_HASH_ENTRY* entry, uint64_t key) {
   while (entry != nullptr) {
     QV_HASH_ENTRY* const next = entry->next;
-    QV_HASH_ENTRY* const second = Choose(next != nullptr, next, entry);
-    QV_HASH_ENTRY* const found = Choose(entry->key == key, entry, second);
+    QV_HASH_ENTRY* const second = IfZero(reinterpret_cast<uint64_t>(next), entry, next);
+    QV_HASH_ENTRY* const found = IfZero(entry->key ^ key, entry, second);
     if (QV_LIKELY(found->key == key)) return found;
     entry = second->next;
   }
   return nullptr;
+}
+
+QV_INLINE QV_HASH_ENTRY* FindPlain(const QV_HASH_TABLE& leaf, QV_HASH_ENTRY* entry, uint64_t key) {
+  if (QV_LIKELY(leaf.bucketCount <= kMostCachedBuckets)) return FindPlainCached(entry, key);
+  while (entry != nullptr && entry->key != key) entry = entry->next;
+  return entry;
 }
 
 // The link that names the entry with the key, or the null link at the end of its chain.

@@ -155,7 +155,7 @@ QV_INLINE QV_HASH_BUCKET& BucketOf(const QV_HASH_TABLE& hash, uint64_t address, 
   return BucketAt(hash, ShiftXor(address, level - kFinestLevel + 1));
 }
 QV_INLINE QV_HASH_ENTRY* FindBlock(const QV_HASH_TABLE& hash, uint64_t address, uint32_t level) {
-  return FindPlain(BucketOf(hash, address, level).head, address);
+  return FindPlain(hash, BucketOf(hash, address, level).head, address);
 }
 
 // ---- Searches ---------------------------------------------------------------------------------------

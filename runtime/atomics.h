@@ -63,4 +63,10 @@ QV_INLINE T Decrement(T& target) {  // the new value
   return __atomic_sub_fetch(&target, T{1}, __ATOMIC_SEQ_CST);
 }
 
+// The line of a word that is about to be changed, in the state for it. The compiler's own prefetch brings
+// it in to be read, for processors without this instruction; to those it is a no-op.
+QV_INLINE void PrefetchForWrite(const void* word) {
+  __asm__ volatile("prefetchw %0" : : "m"(*static_cast<const char*>(word)));
+}
+
 }  // namespace qv
