@@ -59,6 +59,7 @@ constinit uint64_t g_bytesInUse = 0;
 constinit uint64_t g_blocksInUse = 0;
 constinit uint64_t g_bytesMapped = 0;
 constinit uint64_t g_ceiling = 0;
+constinit uint32_t g_smallPages = 0;
 
 class KeepErrno : qv::NonCopyable {
  public:
@@ -87,6 +88,10 @@ void Unmap(char* pages, uint64_t bytes) {
   qv::FetchAdd(g_bytesMapped, uint64_t{0} - bytes);
 }
 
+void WantHugePages(char* pages, uint64_t bytes) {
+  if (LoadRelaxed(g_smallPages) == 0) madvise(pages, bytes, MADV_HUGEPAGE);
+}
+
 // Maps a huge page more than needed and gives back what lies outside the boundaries.
 char* MapAligned(uint64_t bytes) {
   char* const pages = Map(bytes + kHugePageBytes);
@@ -95,7 +100,7 @@ char* MapAligned(uint64_t bytes) {
   const uint64_t before = RoundUp(address, kHugePageBytes) - address;
   Unmap(pages, before);
   Unmap(pages + before + bytes, kHugePageBytes - before);
-  madvise(pages + before, bytes, MADV_HUGEPAGE);
+  WantHugePages(pages + before, bytes);
   return pages + before;
 }
 
@@ -168,7 +173,7 @@ BlockHeader* TakeMapping(uint64_t requestedBytes) {
   char* const pages = Map(MappingBytes(requestedBytes));
   if (pages == nullptr) return nullptr;
   // A reserve is held, not used: on a huge page its link word alone would make 2 MiB resident.
-  if (requestedBytes != QV_RESERVE_BYTES) madvise(pages, MappingBytes(requestedBytes), MADV_HUGEPAGE);
+  if (requestedBytes != QV_RESERVE_BYTES) WantHugePages(pages, MappingBytes(requestedBytes));
   BlockHeader* const header = reinterpret_cast<BlockHeader*>(pages);
   *header = {requestedBytes, 0, Mark::kGivenOut};
   return header;
@@ -233,6 +238,7 @@ void QvHostFree(void* block) {
   GiveBlockBack(header);
 }
 
+void QvHostUseSmallPages() { qv::StoreRelaxed(qvhost::g_smallPages, 1u); }
 void QvHostSetCeiling(uint64_t bytes) { qv::StoreRelaxed(qvhost::g_ceiling, bytes); }
 uint64_t QvHostBytesInUse() { return qv::LoadRelaxed(qvhost::g_bytesInUse); }
 uint64_t QvHostBlocksInUse() { return qv::LoadRelaxed(qvhost::g_blocksInUse); }

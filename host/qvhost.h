@@ -48,7 +48,7 @@ void QvHostInstall(void);
  * call. errno is kept.
  *   up to 1 MiB   cut from regions of 32 MiB of address space; kept for reuse when freed, by size in
  *                 steps of 16 KiB
- *   larger        a mapping of its own, given back to the system when freed. The first block of the
+ *   larger        a mapping of its own, cleared, given back to the system when freed. The first block of the
  *                 process may come from the region: it is the size-class table, and the slabs that
  *                 follow then share its last huge page.
  * Everything asks for huge pages (madvise), except blocks of QV_RESERVE_BYTES, of which usually nothing
@@ -58,6 +58,10 @@ void QvHostInstall(void);
  * Where the system has none, it is the table's 5 MiB and then what is touched. Null is returned when
  * the system or the ceiling refuses. A null block is ignored; a block that is not ours, or was freed
  * already and is still kept, ends the process with a line on standard error. */
+/* From now on nothing asks for huge pages: what is touched becomes resident, no more. For a tool in a program
+ * to which some megabytes matter more than the speed of the tool's own tables. */
+void QvHostUseSmallPages(void);
+
 void* QvHostAllocate(uint64_t sizeBytes);
 void QvHostFree(void* block);
 

@@ -11,6 +11,8 @@ namespace qvheap {
 namespace {
 
 constexpr uint64_t kInCodesFromBytes = 144;
+constexpr uint64_t kInShortCodeFromBytes = 57;
+constexpr uint32_t kInShortCodeToSite = (1 << 16) - 1;
 constexpr uint64_t kInRecordFromBytes = 25;  // unless libc allocates
 constexpr uint32_t kRecordsPerChunk = 1 << 16;
 constexpr uint32_t kChunks = 1 << 8;  // numbers have 24 bits
@@ -21,6 +23,15 @@ constexpr uint32_t kSlabsPerEntry = 4;  // entry, record, a leaf with its bucket
 struct __attribute__((packed, may_alias)) CodeOfRecord {
   uint32_t markAndNumber;  // the mark is the lowest byte
 };
+
+struct __attribute__((packed, may_alias)) ShortCodeInPlace {
+  uint8_t mark;
+  uint8_t bytes;
+  uint16_t site;
+  uint32_t born;
+};
+static_assert((sizeof(ShortCodeInPlace) - 1) << kGranuleShift < kInShortCodeFromBytes);
+static_assert(kInCodesFromBytes <= 256);
 
 struct __attribute__((packed, may_alias)) CodeInPlace {
   uint8_t mark;
@@ -129,19 +140,35 @@ Sight TakeFromCodes(uint8_t* code) {
   return sight;
 }
 
+void KeepInShortCode(uint8_t* code, const Sight& sight) {
+  *reinterpret_cast<ShortCodeInPlace*>(code) = {kInShortCode, uint8_t(sight.bytes),
+                                                uint16_t(sight.site), sight.born};
+}
+
+Sight TakeFromShortCode(uint8_t* code) {
+  ShortCodeInPlace* const inPlace = reinterpret_cast<ShortCodeInPlace*>(code);
+  const Sight sight = {inPlace->site, inPlace->born, inPlace->bytes, ExactWeight(inPlace->bytes)};
+  memset(inPlace, 0, sizeof *inPlace);
+  return sight;
+}
+
 // ---- The table -------------------------------------------------------------------------------------
 
 constinit QV_HASH_TABLE* g_table = nullptr;
 constinit QV_HASH_TABLE* g_staleTable = nullptr;  // of the parent process
+constinit uint64_t g_entries = 0;                 // atomic
 constinit QV_SPIN_LOCK g_tableLock = {};          // while g_table is made
 
 // Addresses differ in the middle: both levels take bits of a product that depend on all of them.
 uint64_t HashForLeaf(const QV_HASH_TABLE*, uint64_t address) {
   return (address * 0x9E3779B97F4A7C15) >> 24;
 }
+// Of the 256 sub-tables that there could be, 32: each has 10 KiB from the start.
+constexpr uint32_t kLeaves = 32;
 uint64_t HashForUpper(const QV_HASH_TABLE*, uint64_t address) {
-  return (address * 0x9E3779B97F4A7C15) >> 56;
+  return (address * 0x9E3779B97F4A7C15) >> 59;
 }
+static_assert(kLeaves == 1 << (64 - 59));
 
 QVHEAP_COLD void MakeTableSlow() {
   static const QV_HASH_FUNCTION kHash[QV_HASH_LEVELS] = {HashForLeaf, HashForUpper, nullptr};
@@ -156,7 +183,7 @@ QVHEAP_COLD void MakeTableSlow() {
 
 bool KeepInTable(const void* block, uint8_t* code, const Sight& sight) {
   const SignalsBlocked blocked;
-  const Provision provision(kSlabsPerEntry);
+  const Provision provision(kSlabsPerEntry, LeafGrowthBytes(Load(g_entries), kLeaves));
   if (!provision.Granted()) return false;
   if (__atomic_load_n(&g_table, __ATOMIC_ACQUIRE) == nullptr) MakeTableSlow();
   Sight* const kept = static_cast<Sight*>(__QvMalloc(LibraryCategory(kRoomBlocks), sizeof sight, 0));
@@ -164,6 +191,7 @@ bool KeepInTable(const void* block, uint8_t* code, const Sight& sight) {
   ClearCode(code);
   __QvInsertHashTableEntry(g_table, reinterpret_cast<uint64_t>(block), kept);
   *code = kInTable;
+  __atomic_fetch_add(&g_entries, 1, __ATOMIC_RELAXED);
   return true;
 }
 
@@ -173,6 +201,7 @@ Sight TakeFromTable(const void* block, uint8_t* code) {
   Sight* const kept =
       static_cast<Sight*>(__QvRemoveHashTableEntry(g_table, reinterpret_cast<uint64_t>(block)));
   if (kept == nullptr) return {};
+  __atomic_fetch_sub(&g_entries, 1, __ATOMIC_RELAXED);
   const Sight sight = *kept;
   __QvFree(kept);
   return sight;
@@ -203,6 +232,10 @@ bool KeepSight(ThreadRecord& me, const void* block, const Sight& sight) {
     KeepInCodes(code, sight);
     return true;
   }
+  if (sight.bytes >= kInShortCodeFromBytes && sight.site <= kInShortCodeToSite) {
+    KeepInShortCode(code, sight);
+    return true;
+  }
   if (MayBeInRecord(sight) && KeepInRecord(me, code, sight)) return true;
   return KeepInTable(block, code, sight);
 }
@@ -210,6 +243,7 @@ bool KeepSight(ThreadRecord& me, const void* block, const Sight& sight) {
 Sight TakeSight(ThreadRecord& me, const void* block) {
   uint8_t* const code = FindCode(block);
   if (*code == kInRecord) return TakeFromRecord(me, code);
+  if (*code == kInShortCode) return TakeFromShortCode(code);
   if (*code == kInCodes) return TakeFromCodes(code);
   return TakeFromTable(block, code);
 }
@@ -224,6 +258,7 @@ void ForgetAllSights() {
   __QvInitializeSpinLock(&g_tableLock);
   g_usedNumbers = 1;
   g_freeNumber = 0;
+  g_entries = 0;
   if (g_table == nullptr) return;
   // A child that is forked before it looks at anything has no table: the stale one is still the same.
   g_staleTable = g_table;

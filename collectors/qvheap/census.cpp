@@ -150,6 +150,7 @@ constinit uint32_t g_forking = 0;
 constinit thread_local ThreadRecord* t_counting = nullptr;
 constinit thread_local ThreadRecord* t_record = nullptr;
 constinit thread_local bool t_inside = false;
+constinit thread_local bool t_signalsBlocked = false;
 
 void Settle(ThreadRecord& me) {
   const int64_t balance = BalanceOf(me.counts);

@@ -83,19 +83,28 @@ extern QV_SPIN_LOCK g_censusLock;
 extern constinit thread_local ThreadRecord* t_counting;
 extern constinit thread_local ThreadRecord* t_record;
 extern constinit thread_local bool t_inside;
+extern constinit thread_local bool t_signalsBlocked;  // by us
 
-// No signal handler of the program runs on the thread: one that calls exit must not find locks taken that
-// the report needs, or the library in the middle of something.
+// No signal handler of the program runs on the thread: one that calls exit must not find locks taken
+// that the report needs, or the library in the middle of something. Two system calls, but for those inside
+// another.
 class SignalsBlocked : NonCopyable {
  public:
-  SignalsBlocked() {
+  SignalsBlocked() : nested_(t_signalsBlocked) {
+    if (nested_) return;
     sigset_t all;
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, &former_);
+    t_signalsBlocked = true;
   }
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+  ~SignalsBlocked() {
+    if (nested_) return;
+    t_signalsBlocked = false;
+    pthread_sigmask(SIG_SETMASK, &former_, nullptr);
+  }
 
  private:
+  const bool nested_;
   sigset_t former_;
 };
 

@@ -11,7 +11,6 @@ constexpr uint32_t kRbp = 6, kRsp = 7, kReturnAddress = 16;  // DWARF's numbers
 constexpr uint32_t kDeepestState = 8;
 constexpr uint8_t kOmitted = 0xFF;
 
-constexpr Rule kUnsupported = {uint64_t{kRuleUnsupported} << 61};
 constexpr Rule kEnd = {uint64_t{kRuleEnd} << 61};
 
 using Bytes = const unsigned char*;
@@ -181,7 +180,7 @@ enum class Saved : uint8_t { kNot, kAtOffset, kAtRbp, kElsewhere };
 
 // As far as it matters: the CFA, rbp and the return address.
 struct State {
-  RuleKind kind = kRuleUnsupported;
+  RuleKind kind = kRuleEnd;
   int64_t cfaOffset = 0;
   Saved rbp = Saved::kNot;
   int64_t rbpOffset = 0;
@@ -205,7 +204,7 @@ class Machine {
 
  private:
   void SetCfa(uint64_t reg, int64_t offset) {
-    state_.kind = reg == kRsp ? kRuleFromRsp : reg == kRbp ? kRuleFromRbp : kRuleUnsupported;
+    state_.kind = reg == kRsp ? kRuleFromRsp : reg == kRbp ? kRuleFromRbp : kRuleEnd;
     state_.cfaOffset = offset;
   }
 
@@ -231,7 +230,7 @@ class Machine {
   // rsp + 8 + (rip & 15 >= n) * 8.
   void SetCfaExpression(Bytes at, Bytes end) {
     static constexpr unsigned char kStub[] = {0x77, 0x08, 0x80, 0x00, 0x3F, 0x1A};
-    state_.kind = kRuleUnsupported;
+    state_.kind = kRuleEnd;
     if (end - at >= 11 && memcmp(at, kStub, sizeof kStub) == 0 && at[6] >= 0x30 && at[6] <= 0x3F) {
       state_.kind = kRuleLinkage;
       state_.cfaOffset = at[6] - 0x30;
@@ -338,11 +337,10 @@ bool Fits(int64_t offset) { return offset <= Rule::kLargestOffset && offset >= -
 
 Rule RuleOf(const State& state) {
   if (state.returnAddressIsUndefined) return kEnd;
-  if (state.kind == kRuleUnsupported || state.returnAddressMoved) return kUnsupported;
-  if (!Fits(state.cfaOffset) || !Fits(state.rbpOffset) || state.rbp == Saved::kElsewhere)
-    return kUnsupported;
+  if (state.kind == kRuleEnd || state.returnAddressMoved) return kEnd;
+  if (!Fits(state.cfaOffset) || !Fits(state.rbpOffset) || state.rbp == Saved::kElsewhere) return kEnd;
   // A frame whose CFA is kept at rbp has rbp's own place there too, and no other does.
-  if ((state.kind == kRuleAtRbp) != (state.rbp == Saved::kAtRbp)) return kUnsupported;
+  if ((state.kind == kRuleAtRbp) != (state.rbp == Saved::kAtRbp)) return kEnd;
   return Rule::Make(state.kind, state.cfaOffset, state.rbp != Saved::kNot, state.rbpOffset);
 }
 
@@ -357,9 +355,9 @@ Rule ReadRule(uint64_t pc) {
   if (found == nullptr || !ReadEntry(found, pc, entry)) return kEnd;
   if (entry.isSignalFrame) return Rule::Make(kRuleSignal, 0, false, 0);
   Machine machine(entry, pc);
-  if (!machine.Run(entry.commonProgram, entry.commonEnd)) return kUnsupported;
+  if (!machine.Run(entry.commonProgram, entry.commonEnd)) return kEnd;
   machine.KeepInitial();
-  if (!machine.Run(entry.program, entry.end)) return kUnsupported;
+  if (!machine.Run(entry.program, entry.end)) return kEnd;
   return RuleOf(machine.Result());
 }
 

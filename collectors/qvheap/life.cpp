@@ -14,7 +14,6 @@
 #include "collectors/qvheap/profile.h"
 #include "collectors/qvheap/report.h"
 #include "collectors/qvheap/room.h"
-#include "collectors/qvheap/stacks.h"
 #include "collectors/qvheap/table.h"
 #include "host/qvhost.h"
 
@@ -126,7 +125,6 @@ __attribute__((constructor)) void Start(int count, char** arguments) {
   NameProgram();
   KeepArguments(count, arguments);
   on_exit(AtExit, nullptr);
-  InstallUnwinder();
   const SpinGuard guard(g_censusLock);
   g_process.started = MillisecondsNow();
   ReadOptionsLocked();

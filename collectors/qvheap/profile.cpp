@@ -105,7 +105,8 @@ void Look(ThreadRecord& me, const void* block, uint64_t bytes, void* caller) {
 }
 
 uint64_t ReleaseLookedAt(ThreadRecord& me, const void* block) {
-  const Sight sight = TakeForReallocation(me, block);
+  const Looking looking(me);
+  const Sight sight = TakeSight(me, block);
   CountTaken(me, sight);
   return sight.bytes;
 }

@@ -58,6 +58,7 @@ bool IsLarge(uint64_t bytes) { return bytes > QV_LARGEST_SMALL_REQUEST; }
 }  // namespace
 
 void InstallRoom() {
+  QvHostUseSmallPages();
   __QvInitializeSubAllocator(TakeBlock, QvHostFree);
   for (uint32_t i = 0; i < kRoomCategories; i++) {
     g_numbers[i] = uint32_t(__QvRegisterMemoryCategory(kNames[i]));
@@ -69,7 +70,10 @@ void InstallRoom() {
 
 uint32_t LibraryCategory(Category category) { return g_numbers[category]; }
 
-Provision::Provision(uint32_t slabs) {
+Provision::Provision(uint32_t slabs, uint64_t largestBytes) {
+  if (largestBytes > kSlabBytes) {
+    granted_ = Provide(t_provided[slabs--], largestBytes + kLargeHeadBytes);
+  }
   while (granted_ && slabs > 0) granted_ = Provide(t_provided[slabs--], kSlabBytes);
 }
 
@@ -84,6 +88,10 @@ void* Allocate(Category category, uint64_t bytes) {
   if (large) __atomic_fetch_add(&g_largeBytes[category], bytes, __ATOMIC_RELAXED);
   GiveBack(t_provided[0]);
   return block;
+}
+
+uint64_t LeafGrowthBytes(uint64_t entries, uint32_t leaves) {
+  return 4 * sizeof(QV_HASH_BUCKET) * (entries / leaves);
 }
 
 uint64_t LargeBytes(Category category) { return Load(g_largeBytes[category]); }

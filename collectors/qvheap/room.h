@@ -32,11 +32,12 @@ void InstallRoom();  // instead of the host's own hooks; before QvHostInstall
 // The library's number for the category.
 uint32_t LibraryCategory(Category category);
 
-// For `slabs` slabs, at most kMostSlabs. Provisions of one thread do not nest.
+// For `slabs` slabs, at most kMostSlabs, one of which is a block of largestBytes if that is more than a slab.
+// Provisions of one thread do not nest.
 class Provision : NonCopyable {
  public:
   static constexpr uint32_t kMostSlabs = 4;
-  explicit Provision(uint32_t slabs);
+  explicit Provision(uint32_t slabs, uint64_t largestBytes = 0);
   ~Provision();
   bool Granted() const { return granted_; }
 
@@ -44,8 +45,12 @@ class Provision : NonCopyable {
   bool granted_ = true;
 };
 
-// Null if there is no memory. It provides for itself.
+// Null if there is no memory. It provides for itself. Above a mebibyte it is cleared, as the host's contract has it.
 void* Allocate(Category category, uint64_t bytes);
+
+// What one leaf of a hash table needs at most to grow: it doubles as it fills, and the leaves of a table whose
+// hash is good fill about evenly.
+uint64_t LeafGrowthBytes(uint64_t entries, uint32_t leaves);
 
 // Bytes that the library's figures do not have: blocks that are larger than a chunk.
 uint64_t LargeBytes(Category category);

@@ -32,7 +32,10 @@ const Stack& StackOf(uint64_t key) { return *reinterpret_cast<const Stack*>(key)
 uint64_t KeyOf(const Stack& stack) { return reinterpret_cast<uint64_t>(&stack); }
 
 uint64_t HashForLeaf(const QV_HASH_TABLE*, uint64_t key) { return StackOf(key).hash; }
-uint64_t HashForUpper(const QV_HASH_TABLE*, uint64_t key) { return StackOf(key).hash >> 56; }
+// Of the 256 sub-tables that there could be, 64: each has 10 KiB from the start.
+constexpr uint32_t kLeaves = 64;
+uint64_t HashForUpper(const QV_HASH_TABLE*, uint64_t key) { return StackOf(key).hash >> 58; }
+static_assert(kLeaves == 1 << (64 - 58));
 
 int32_t StacksAreEqual(uint64_t entryKey, uint64_t key) {
   const Stack& a = StackOf(entryKey);
@@ -96,7 +99,7 @@ QVHEAP_COLD Site* MakeSiteSlow(Stack& stack) {
   for (uint32_t i = 0; i < kEpochs && !NoticeModules(stack.frames, stack.depth, stack.epoch); i++) {
     SetEpoch(stack, Load(g_epoch));
   }
-  const Provision provision(kSlabsForSite);
+  const Provision provision(kSlabsForSite, LeafGrowthBytes(SiteCount(), kLeaves));
   const SpinGuard guard(g_sitesLock);
   if (!provision.Granted() || !MakeRoomForSite()) return nullptr;
   QV_HASH_TABLE* const table = TableLocked();

@@ -9,28 +9,57 @@
 namespace qvheap {
 namespace {
 
-// All tables of a kind: those in use, and the stale ones of the parent process. Under the census lock.
+// All tables of a kind: those in use, the stale ones of the parent process, and cleared ones that were never used.
+// Under the census lock.
 template <class Table>
 struct Tables {
   Table* inUse;
   Table* oldestInUse;
   Table* stale;
+  Table* fresh;
+  uint32_t freshCount;
 };
+
+constexpr uint32_t kTablesAtOnce = 8;
+static_assert(kTablesAtOnce * sizeof(Leaf) > 1 << 20);  // so that the host maps it
 
 constinit Tables<Leaf> g_leaves = {};
 constinit Tables<Middle> g_middleTables = {};
 
+template <class Table>
+Table* TakeStaleLocked(Tables<Table>& tables) {
+  Table* const table = tables.stale;
+  if (table == nullptr) return nullptr;
+  tables.stale = table->next;
+  memset(static_cast<void*>(table), 0, sizeof(Table));
+  return table;
+}
+
+template <class Table>
+Table* TakeFreshLocked(Tables<Table>& tables) {
+  if (tables.freshCount == 0) {
+    tables.fresh = static_cast<Table*>(Allocate(kRoomSizes, kTablesAtOnce * sizeof(Table)));
+    if (tables.fresh == nullptr) return nullptr;
+    tables.freshCount = kTablesAtOnce;
+  }
+  tables.freshCount--;
+  return tables.fresh++;
+}
+
+// Where address space is scarce, one may be had where eight may not.
+template <class Table>
+Table* TakeSingleLocked() {
+  void* const table = Allocate(kRoomSizes, sizeof(Table));
+  return table != nullptr ? static_cast<Table*>(memset(table, 0, sizeof(Table))) : nullptr;
+}
+
 // A cleared table; null if there is no memory.
 template <class Table>
 Table* MakeTableLocked(Tables<Table>& tables) {
-  Table* table = tables.stale;
-  if (table != nullptr) {
-    tables.stale = table->next;
-  } else {
-    table = static_cast<Table*>(Allocate(kRoomSizes, sizeof(Table)));
-    if (table == nullptr) return nullptr;
-  }
-  memset(static_cast<void*>(table), 0, sizeof(Table));
+  Table* table = TakeStaleLocked(tables);
+  if (table == nullptr) table = TakeFreshLocked(tables);
+  if (table == nullptr) table = TakeSingleLocked<Table>();
+  if (table == nullptr) return nullptr;
   table->next = tables.inUse;
   tables.inUse = table;
   if (table->next == nullptr) tables.oldestInUse = table;

@@ -12,7 +12,7 @@
 //
 //   code   0            no block that we know
 //          1 to 248     a block of code - 1 bytes
-//          252 to 254   a block that was looked at (collectors/qvheap/blocks.h)
+//          251 to 254   a block that was looked at (collectors/qvheap/blocks.h)
 //          255          a block of 248 bytes or more: its size is in the 8 codes that follow, which lie
 //                       inside the block, so no other block needs them
 //
@@ -20,7 +20,9 @@
 //  (1) The codes of a block belong to the thread that owns the block: they are written after the
 //  allocator
 //      gave it out and cleared before the allocator takes it back. Hence no lock and no atomics there.
-//  (2) Tables are made under the census lock and published with release order; they are never freed.
+//  (2) Tables are made under the census lock and published with release order; they are never freed. Leaves
+//      are cut from blocks of eight that the host maps for themselves, cleared: what no block needs of
+//      them is never touched.
 //  (3) In a child process nothing is known: all tables are stale and are cleared when they are used
 //  again.
 #pragma once
@@ -37,6 +39,7 @@ inline constexpr uint32_t kLeavesPerMiddle = 1 << (kMiddleShift - kLeafShift);
 inline constexpr uint32_t kCodesPerLeaf = 1 << (kLeafShift - kGranuleShift);
 inline constexpr uint64_t kLargestShortSize = 247;
 inline constexpr uint8_t kLongCode = 255;
+inline constexpr uint8_t kInShortCode = 251;
 inline constexpr uint8_t kInRecord = 252;
 inline constexpr uint8_t kInCodes = 253;
 inline constexpr uint8_t kInTable = 254;
@@ -109,7 +112,7 @@ QVHEAP_INLINE uint64_t ClearCode(uint8_t* code) {
 QVHEAP_INLINE uint64_t TakeSize(const void* block) {
   uint8_t* const code = FindCode(block);
   if (QVHEAP_UNLIKELY(code == nullptr || *code == 0)) return kUnknownSize;
-  if (QVHEAP_UNLIKELY(uint8_t(*code - kInRecord) <= kInTable - kInRecord)) return kLookedAt;
+  if (QVHEAP_UNLIKELY(uint8_t(*code - kInShortCode) <= kInTable - kInShortCode)) return kLookedAt;
   return ClearCode(code);
 }
 

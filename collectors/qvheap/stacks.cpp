@@ -12,7 +12,6 @@ namespace qvheap {
 namespace {
 
 using BackTrace = int (*)(void**, int);
-constinit BackTrace g_libcs = nullptr;
 
 // Two lanes, since a multiplication waits for the one before.
 uint64_t HashOf(const Stack& stack) {
@@ -32,12 +31,6 @@ uint64_t HashOf(const Stack& stack) {
 
 }  // namespace
 
-void InstallUnwinder() {
-  g_libcs = reinterpret_cast<BackTrace>(dlsym(RTLD_NEXT, "backtrace"));
-  void* frames[2];
-  if (g_libcs != nullptr) g_libcs(frames, 2);
-}
-
 void SetEpoch(Stack& stack, uint32_t epoch) {
   stack.epoch = epoch;
   stack.hash = HashOf(stack);
@@ -54,16 +47,17 @@ void CaptureStack(Stack& stack, uint32_t epoch, void* caller) {
 
 }  // namespace qvheap
 
-// Before the collector has started nobody can want a stack but the program's own early constructors.
+// The program's own calls go where they would go.
 __attribute__((visibility("default"))) int backtrace(void** frames, int count) noexcept {
   using namespace qvheap;
   if (QVHEAP_LIKELY(t_inside)) {
-    const int found = Unwind(frames, count, static_cast<uint64_t*>(__builtin_frame_address(0)));
-    if (QVHEAP_LIKELY(found != 0)) return found;
+    return Unwind(frames, count, static_cast<uint64_t*>(__builtin_frame_address(0)));
   }
-  if (g_libcs == nullptr) {
-    const Inside inside;
-    InstallUnwinder();
+  static BackTrace another = nullptr;
+  BackTrace found = Load(another);
+  if (found == nullptr) {
+    found = reinterpret_cast<BackTrace>(dlsym(RTLD_NEXT, "backtrace"));
+    Store(another, found);
   }
-  return g_libcs != nullptr ? g_libcs(frames, count) : 0;
+  return found != nullptr ? found(frames, count) : 0;
 }

@@ -21,8 +21,6 @@ struct Stack {
   void* frames[kMostFrames];  // innermost first; in a kept stack only `depth` of them are there
 };
 
-void InstallUnwinder();  // libc's is found and loads what it needs: better now than in the middle of the program
-
 void SetEpoch(Stack& stack, uint32_t epoch);
 // From `caller` on, which is the return address of the wrapper. If the unwinder does not get so far, caller
 // alone. The caller is Looking.

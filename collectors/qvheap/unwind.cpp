@@ -92,7 +92,6 @@ int Unwind(void** frames, int count, const uint64_t* frameAddress) {
   while (found < count && frame.pc != 0) {
     frames[found++] = reinterpret_cast<void*>(frame.pc);
     const Rule rule = RuleFor(frame.pc - (frame.isInterrupted ? 0 : 1));
-    if (QVHEAP_UNLIKELY(rule.Kind() == kRuleUnsupported)) return 0;
     if (!Leave(frame, rule)) break;
   }
   return found;

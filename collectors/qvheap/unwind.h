@@ -17,7 +17,7 @@
 // No lock and no order: a reader takes an entry only if both words fit together, so it never uses one half of
 // another thread's. An image that is unloaded starts an epoch (modules.h), and no entry from before fits.
 //
-// What no rule describes (a frame kept by another register than rsp and rbp) is left to libc.
+// A stack ends at a frame that no rule describes, one kept by another register than rsp and rbp.
 #pragma once
 
 #include "collectors/qvheap/words.h"
@@ -31,7 +31,6 @@ enum RuleKind : uint32_t {
   kRuleAtRbp,    // CFA is what is stored at rbp + offset
   kRuleSignal,   // the kernel interrupted the caller: its registers are at rsp
   kRuleLinkage,  // a stub of the procedure linkage table: CFA = rsp + 8, or + 16 from its second instruction on
-  kRuleUnsupported,  // another way
 };
 
 // A word: kind:3 | CFA offset:29 | rbpIsSaved:1 | rbp offset from the CFA:31, from the top, offsets signed.
@@ -49,8 +48,7 @@ struct Rule {
   int64_t RbpOffset() const { return int64_t(word << 33) >> 33; }
 };
 
-// Return addresses from the caller of the calling function on, innermost first. 0 if a frame on the way is
-// unsupported: then another unwinder is to be asked for all of them.
+// Return addresses from the caller of the calling function on, innermost first; how many.
 int Unwind(void** frames, int count, const uint64_t* frameAddress);
 
 }  // namespace qvheap
