@@ -174,7 +174,7 @@ void OpenChannelIfDue() {
 void CloseChannelLocked(ChannelState next) {
   if (g_channelState != ChannelState::kOpen) return;
   g_channelState = next;
-  theCommandHandler.semaphoreId = -1;
+  Store(theCommandHandler.semaphoreId, -1);  // the worker reads it
   theCommandHandler.sharedMemoryId = -1;
   RemoveChannel(g_content);
   g_dueSince = MillisecondsNow();

@@ -2,7 +2,7 @@
 // do: collectors/qvheap/steering.h.
 //
 //            kOff --------------------------------- -nochannel, could not be opened, or was stopped
-//   start -> kDue -- OpenIfDue --> kOpen -- exit, _exit, exec, the main thread ends --> kOff or kDue
+//   start -> kDue -- opened ----> kOpen -- exit, _exit, exec, the main thread ends --> kOff or kDue
 //              '------- fork: the child -------'
 //
 // The launched process opens its channel at start. Any other one is most often gone before anybody could
@@ -31,7 +31,7 @@ extern ChannelState g_channelState;
 
 inline constexpr uint64_t kDueAfterMilliseconds = 100;
 
-// All are called inside the collector but for OpenIfDue, which does nothing there.
+// All are called inside the collector but for OpenChannelIfDue, which does nothing there.
 void StartChannelLocked();            // at start
 QVHEAP_COLD void OpenChannelIfDue();  // of a thread that is in the slow path of an allocation
 void CloseChannelLocked(ChannelState next);

@@ -1,7 +1,6 @@
-// The channel's thread and its lock. Design: collectors/qvheap/worker.h.
+// The channel's thread. Design: collectors/qvheap/worker.h.
 #include "collectors/qvheap/worker.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
@@ -115,8 +114,9 @@ void ExitWorker(int32_t) { longjmp(*t_end, 1); }
 uint32_t WaitForWorker(uint64_t*, uint32_t, int32_t*) { return 1; }
 uint32_t AddFini(QV_FINI_FUNCTION, void*) { return 1; }
 
-bool ThreadIsGone(int32_t threadId) {
-  return threadId != 0 && syscall(SYS_tgkill, getpid(), threadId, 0) == -1 && errno == ESRCH;
+bool SystemKnowsWorker() {
+  const int32_t threadId = __atomic_load_n(&g_threadId, __ATOMIC_ACQUIRE);
+  return threadId != 0 && syscall(SYS_tgkill, getpid(), threadId, 0) == 0;
 }
 
 }  // namespace
@@ -127,8 +127,7 @@ bool WorkerExists() { return __atomic_load_n(&g_exists, __ATOMIC_ACQUIRE) != 0; 
 
 void AwaitWorkersEnd() {
   const uint64_t end = MillisecondsNow() + kPatienceMilliseconds;
-  const int32_t threadId = __atomic_load_n(&g_threadId, __ATOMIC_ACQUIRE);
-  while (threadId != 0 && !ThreadIsGone(threadId) && MillisecondsNow() < end) sched_yield();
+  while ((WorkerExists() || SystemKnowsWorker()) && MillisecondsNow() < end) sched_yield();
 }
 
 void ForgetWorker() {

@@ -1,4 +1,4 @@
-// The thread that serves the command channel, and its lock. The library creates and runs it through the
+// The thread that serves the command channel. The library creates and runs it through the
 // thread services that a tool installs; these are the collector's own.
 //
 // The thread is inside the collector from its first instruction to its last: what it does is not
@@ -17,9 +17,6 @@
 #pragma once
 
 namespace qvheap {
-
-inline constexpr int kOpenedWhenLocked =
-    -2;  // stands for the lock file's descriptor; not -1, which is none
 
 void InstallWorkerServices();
 bool WorkerExists();
