@@ -5,8 +5,12 @@
 // its parent, whose channel it must not touch: it has another process id. An exec that fails leaves the
 // program running, so the channel is due again.
 //
+// So do unshare and setns, which a process with a second thread may not call for user namespaces: the
+// channel goes, with its thread, and is due again.
+//
 // The variable lists of execl and its kin become arrays on the stack, as in libc.
 #include <alloca.h>
+#include <sched.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -15,6 +19,7 @@
 #include "collectors/qvheap/channel.h"
 #include "collectors/qvheap/heap.h"
 #include "collectors/qvheap/life.h"
+#include "collectors/qvheap/worker.h"
 
 #define QVHEAP_EXPORT __attribute__((visibility("default")))
 
@@ -33,6 +38,11 @@ void BeforeEnd(ChannelState next) {
 }
 
 void BeforeExec() { BeforeEnd(ChannelState::kDue); }
+
+void BeSingleThreaded() {
+  BeforeExec();
+  if (getpid() == g_process.pid) AwaitWorkersEnd();
+}
 
 }  // namespace
 }  // namespace qvheap
@@ -56,6 +66,16 @@ QVHEAP_EXPORT void quick_exit(int status) noexcept {
 QVHEAP_EXPORT int daemon(int keepDirectory, int keepOutput) noexcept {
   BeforeExec();  // the parent ends in there; the child, and a failure, may open a channel again
   return g_real.daemon(keepDirectory, keepOutput);
+}
+
+QVHEAP_EXPORT int unshare(int flags) noexcept {
+  BeSingleThreaded();
+  return g_real.unshare(flags);
+}
+
+QVHEAP_EXPORT int setns(int file, int kind) noexcept {
+  BeSingleThreaded();
+  return g_real.setns(file, kind);
 }
 
 QVHEAP_EXPORT int execve(const char* path, char* const* arguments, char* const* variables) noexcept {

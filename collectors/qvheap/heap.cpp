@@ -75,6 +75,8 @@ void FindRealFunctions() {
   Find(found.exit, "_exit");
   Find(found.quickExit, "quick_exit");
   Find(found.daemon, "daemon");
+  Find(found.unshare, "unshare");
+  Find(found.setns, "setns");
   Find(found.execve, "execve");
   Find(found.execvpe, "execvpe");
   Find(found.fexecve, "fexecve");

@@ -31,6 +31,8 @@ struct RealFunctions {
   void (*exit)(int);  // _exit
   void (*quickExit)(int);
   int (*daemon)(int, int);
+  int (*unshare)(int);
+  int (*setns)(int, int);
   int (*execve)(const char*, char* const*, char* const*);
   int (*execvpe)(const char*, char* const*, char* const*);
   int (*fexecve)(int, char* const*, char* const*);

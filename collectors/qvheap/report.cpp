@@ -11,6 +11,7 @@
 #include "collectors/qvheap/log.h"
 #include "collectors/qvheap/raised_signals.h"
 #include "collectors/qvheap/results.h"
+#include "collectors/qvheap/state_dump.h"
 #include "collectors/qvheap/table.h"
 
 namespace qvheap {
@@ -70,6 +71,7 @@ bool WriteResultsLocked(const Totals& totals, uint32_t number) {
   errno = 0;
   const bool written = WriteResultsFileLocked(totals, path, number);
   LogOutcomeLocked(path, written, errno);
+  DumpStateLocked();
   return written;
 }
 

@@ -237,6 +237,20 @@ TEST(QvheapChannel, StopsDoNotEndTheChannel) {
   EXPECT_EQ(blocked, "fffffffe7ffbfeff") << "no signal handler may run on the channel's thread";
 }
 
+// Which is forbidden to a process with two threads.
+TEST(QvheapChannel, TheProgramMayMoveToAnotherNamespace) {
+  std::string without;
+  {
+    Steered program("-nochannel");
+    without = program.Say("n");
+  }
+  Steered program;
+  EXPECT_EQ(program.Say("n"), without);
+  if (without != "moved 0") GTEST_SKIP() << "the system does not let us: " << without;
+  program.AwaitChannel(program.Pid());
+  ExpectObjects(1, "a channel again");
+}
+
 TEST(QvheapChannel, ChildrenOfVforkTouchNothing) {
   Steered program;
   program.Say("a 100");

@@ -136,6 +136,22 @@ TEST(QvheapOptions, ChannelsAreDumpedThatTheListNames) {
   }
 }
 
+// The state is dumped with each results file.
+TEST(QvheapOptions, StateIsDumpedWithTheResults) {
+  const ChildResult child =
+      Shell("exec " QVHEAP " -quiet -exact -dump sites,modules,sampling -- sort /dev/null");
+  ASSERT_EQ(child.status, 0) << child.err;
+  const std::string log = child.Read(OnlyFileLike(child, "qvlog\\..*"));
+  for (const char* line :
+       {"\\[SITES\\] \\[[0-9]+ *\\] [1-9][0-9]* sites, 0 of them folded",
+        "\\[MODULES\\] \\[[0-9]+ *\\] epoch [0-9]+",
+        "\\[MODULES\\] \\[[0-9]+ *\\] [0-9a-f]+ to [0-9a-f]+, from epoch 0: /.*/libc",
+        "\\[SAMPLING\\] \\[[0-9]+ *\\] one sample in 1 bytes, 0 missed; paused for 0 ms"}) {
+    EXPECT_TRUE(std::regex_search(log, std::regex(line))) << line << "\n" << log;
+  }
+  EXPECT_EQ(log.find("[FORK]"), std::string::npos);
+}
+
 // Somebody who sets the variable by hand gets the defaults, and is told in the log.
 TEST(QvheapOptions, AHandoverThatIsNoneIsSaidInTheLog) {
   for (const char* value : {"", "pid=1", "pid=1,stderr=0:0", "pid=1,stderr=0:0 -out rel",

@@ -7,6 +7,7 @@
  *   v N     N children of vfork run the program "true"
  *   C       closes all descriptors above 2 and opens files of its own on 3 to 40
  *   H N     N times puts its own files on 3 to 40, whatever is there, and writes a byte to each
+ *   n       moves to a user namespace of its own; the answer is the error, 0 if there was none
  *   U       tries to become a program that is not there
  *   E, S P  becomes this program anew, or the program P without any environment
  *   Q X N   ends by exit, _exit, quick_exit: status 6
@@ -16,6 +17,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -127,6 +129,7 @@ int main(void) {
       case 'v': SpawnMany(number); continue;
       case 'C': TakeDescriptors(); continue;
       case 'H': HammerDescriptors(number); continue;
+      case 'n': Answer("moved", unshare(CLONE_NEWUSER) == 0 ? 0 : errno); continue;
       case 'U': execlp("no-such-program", "it", "with", "arguments", (char*)NULL); break;
       case 'E': execl("/proc/self/exe", "steered", (char*)NULL); break;
       case 'S': Become(line + 2); break;
