@@ -85,7 +85,7 @@ bool CreateSegment(CollectorCommandHandler& handler) {
 bool CreateSemaphore(CollectorCommandHandler& handler) {
   const key_t key = ftok(handler.lockFilePath, 0);
   if (key == IPC_PRIVATE || key == key_t{-1}) return false;
-  handler.semaphoreId = semget(key, 1, IPC_CREAT | 0666);
+  qv::StoreRelaxed(handler.semaphoreId, semget(key, 1, IPC_CREAT | 0666));
   if (handler.semaphoreId == -1) return false;
   semctl(handler.semaphoreId, 0, SETVAL, SemaphoreArgument{0});
   return WriteWord(handler.lockFileDescriptor, key);
@@ -115,7 +115,8 @@ int GiveUpFormer(CollectorCommandHandler& handler) {
   }
   if (handler.lockFileDescriptor != -1) close(handler.lockFileDescriptor);
   handler.sharedArea = nullptr;
-  handler.lockFileDescriptor = handler.sharedMemoryId = handler.semaphoreId = -1;
+  handler.lockFileDescriptor = handler.sharedMemoryId = -1;
+  qv::StoreRelaxed(handler.semaphoreId, -1);
   return semaphore;
 }
 
@@ -194,7 +195,7 @@ void CollectorCommandHandler::destroySharedMemoryAndLockFile(_QVCMDHDLRCLEANEXTE
   const bool all = extent != QVCMDHDLR_CLEAN_DETACH;
   if (all && semaphoreId != -1) {
     semctl(semaphoreId, 0, IPC_RMID);
-    semaphoreId = -1;
+    qv::StoreRelaxed(semaphoreId, -1);
   }
   if (lockFileDescriptor != -1) {
     close(lockFileDescriptor);

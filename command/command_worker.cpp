@@ -29,6 +29,7 @@ constinit pthread_t g_registrar = {};     // who sets up while that is kRunning
 constinit uint32_t g_last = 0;            // number of the last registration
 constinit uint32_t g_current = 0;         // number of the one whose channel there is
 constinit uint32_t g_served = 0;          // number of the one that a worker serves
+constinit uint32_t g_stopped = 0;         // number of the last one at the last shutdown
 
 bool StopRequested() { return qv::LoadAcquire(g_stopRequested) != 0; }
 
@@ -41,22 +42,25 @@ bool AwaitSetUp(uint32_t registration) {
   return qv::LoadAcquire(g_setUp) == kDone && qv::LoadAcquire(g_current) == registration;
 }
 
-// A worker whose registration failed may start late and take a later one for its own: only one serves.
+// A worker whose registration failed may start late and take a later one for its own: only one serves,
+// and none after the shutdown, whose wake-up the other has had.
 bool Claim(uint32_t registration) {
   const uint32_t served = qv::LoadAcquire(g_served);
-  return served != registration && qv::TryExchange(g_served, registration, served);
+  return served != registration && qv::TryExchange(g_served, registration, served) &&
+         qv::LoadAcquire(g_stopped) != registration;
 }
 
 void Post(short flags) {
   sembuf post = {0, 1, flags};
-  semop(theCommandHandler.semaphoreId, &post, 1);
+  semop(qv::LoadRelaxed(theCommandHandler.semaphoreId), &post, 1);
 }
 
 enum class Wake : uint8_t { kPosted, kTimedOut, kBroken };
 
 Wake WaitForWake(const timespec* timeOut) {
   sembuf take = {0, -1, 0};
-  if (semtimedop(theCommandHandler.semaphoreId, &take, 1, timeOut) == 0) return Wake::kPosted;
+  if (semtimedop(qv::LoadRelaxed(theCommandHandler.semaphoreId), &take, 1, timeOut) == 0)
+    return Wake::kPosted;
   return errno == EAGAIN ? Wake::kTimedOut : Wake::kBroken;
 }
 
@@ -94,6 +98,7 @@ void EndSetUp(SetUp result) { qv::CompareExchange(g_setUp, uint32_t{result}, uin
 void StopCommandWorker(void*) {
   if (qv::LoadAcquire(g_workerThreadId) == 0) return;
   qv::StoreRelease(g_stopRequested, 1u);
+  qv::StoreRelease(g_stopped, qv::LoadAcquire(g_last));
   EndSetUp(kFailed);  // one that waits for the lock file: its worker must not wait on
   Post(SEM_UNDO);
   qv::g_threadProcs.wait(&g_workerThreadId, 1000, nullptr);

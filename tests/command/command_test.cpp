@@ -26,9 +26,10 @@
 #include "tests/support/child.h"
 
 // A worker whose channel could not be set up has ended, and nobody may wait for it: the engine may start
-// threads only after the registering call has returned. The thread sanitizer calls that a leak.
+// threads only after the registering call has returned. The thread sanitizer calls that a leak. A forked
+// child of a tool may have a worker too.
 extern "C" const char* __tsan_default_options();
-extern "C" const char* __tsan_default_options() { return "report_thread_leaks=0"; }
+extern "C" const char* __tsan_default_options() { return "report_thread_leaks=0:die_after_fork=0"; }
 
 namespace {
 
