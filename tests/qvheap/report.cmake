@@ -22,3 +22,7 @@ target_compile_definitions(qvrt_test_qvheap_report PRIVATE
   QVHEAP="$<TARGET_FILE:qvheap>" SUBJECT_FOLDER="$<TARGET_FILE_DIR:qvheap_report_subject_debug>")
 add_dependencies(qvrt_test_qvheap_report qvheap qvheap_report
   qvheap_report_subject_debug qvheap_report_subject_plain qvheap_report_subject_anonymous)
+if(NOT QVRT_SANITIZE)
+  target_compile_definitions(qvrt_test_qvheap_report PRIVATE QVHEAP_COLLECTS)
+  add_dependencies(qvrt_test_qvheap_report qvheap_collector)
+endif()

@@ -66,7 +66,7 @@ std::string MadeResults::Text() const {
       << "<intervalBytes>65536</intervalBytes><paused>0</paused>\n"
       << "<future when='now'><sites><site id='9'><stack>1</stack></site></sites></future>\n";
   WriteProcess(out, *this);
-  out << "<modules>" << modules << "</modules>\n<timeline>";
+  out << "<modules>" << modules << "</modules>\n<regions>" << regions << "</regions><timeline>";
   for (const auto& [time, live] : timeline) {
     out << "<point time='" << time << "' bytesAllocated='1' liveBytes='" << live
         << "' liveBlocks='1'/>";

@@ -23,7 +23,7 @@ struct MadeResults {
   std::string mode = "exact";
   std::vector<MadeSite> sites;
   std::vector<std::pair<long, long>> timeline;  // time and live bytes
-  std::string modules;
+  std::string modules, regions;
   long foldedSites = 0;
   // -1: what the sites add up to
   long peakBytes = -1, liveBytes = -1;

@@ -124,6 +124,14 @@ TEST(QvheapReportSymbols, EpochsDecideBetweenImagesAtOneAddress) {
   EXPECT_FALSE(Contains(child.out, "[late]"));
 }
 
+TEST(QvheapReportSymbols, CodeMadeAtRunTimeHasOneName) {
+  qvtest::MadeResults results = qvtest::ThreeSites();
+  results.regions = "<region start='1000' end='1200'/><region start='5000' end='6000'/>";
+  const ChildResult child = ShellWith({{"f", results.Text()}}, "exec $REPORT f");
+  EXPECT_EQ(qvtest::CountOf(child.out, "      (code made at run time)\n"), 2u) << child.out;
+  EXPECT_TRUE(Contains(child.out, "0x1200\n"));
+}
+
 // Two runs have their images at different addresses; the last argument makes one site larger.
 TEST(QvheapReportSymbols, RunsAreComparedByNameWhateverTheirAddresses) {
   const ChildResult child = RunSubject("debug",

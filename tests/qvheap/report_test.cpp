@@ -234,6 +234,11 @@ TEST(QvheapReport, ADirectoryStandsForItsResultsFilesInOrder) {
   EXPECT_LT(end, other);
   EXPECT_NE(other, std::string::npos) << child.out;
   EXPECT_EQ(CountOf(child.out, "by bytes live at the peak"), 3u);
+  EXPECT_TRUE(std::regex_search(
+      child.out,
+      std::regex("3 results files\n.*\n  77.2 +58.6 KiB .*\n  77 +58.6 KiB +5.9 KiB +175.8 KiB "
+                 "+60  subject -x\n  100 .*\n$")))
+      << child.out;
 }
 
 TEST(QvheapReport, FormsOfOneProcessGetAFileForEach) {
@@ -252,6 +257,27 @@ TEST(QvheapReport, FormsOfOneProcessGetAFileForEach) {
       Family(),
       "$REPORT -format json . | python3 -c 'import json, sys; print(len(json.load(sys.stdin)))'");
   EXPECT_EQ(json.out, "3\n");
+}
+
+// In exact mode the sites account for everything.
+TEST(QvheapReport, ReadsWhatTheCollectorWrites) {
+#ifdef QVHEAP_COLLECTS
+  const ChildResult child = ShellWith(
+      {},
+      "seq 2000 | " QVHEAP
+      " -quiet -exact -out . -- sort -o sorted && $REPORT -format json -o j . && "
+      "python3 -c 'import json\n"
+      "r, = json.load(open(\"j\"))\n"
+      "p, s = r[\"process\"], r[\"sites\"]\n"
+      "for name in \"allocations\", \"bytesAllocated\", \"liveBytes\", \"liveBlocks\": print(p[name] - "
+      "sum(x[name] for x in s))\n"
+      "print(p[\"peakBytes\"] > 1000, len(s) > 5, r[\"mode\"], r[\"kind\"])\n"
+      "print(any(f[\"function\"] == \"__libc_start_main\" or \"libc\" in f.get(\"module\", \"\") for f "
+      "in r[\"frames\"]))'");
+  EXPECT_EQ(child.out, "0\n0\n0\n0\nTrue True exact end\nTrue\n") << child.err;
+#else
+  GTEST_SKIP() << "a preloaded collector and a sanitizer's run-time do not mix";
+#endif
 }
 
 // ---- diff ------------------------------------------------------------------------------------------

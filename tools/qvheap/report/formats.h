@@ -19,6 +19,21 @@ struct View {
 // For people, on 100 columns.
 void WriteText(const Profile& profile, Symbols& symbols, const View& view, Writer& out);
 
+// At the end of a text of several: a line for each, by peak.
+class TextSummary {
+ public:
+  void Add(const Results& results);
+  void Write(Writer& out);
+
+ private:
+  struct Row {
+    std::string process;
+    int64_t peak, live, allocated, allocations;
+    std::string command;
+  };
+  std::vector<Row> rows_;
+};
+
 // Snapshots as massif writes them (ms_print, massif-visualizer).
 void WriteMassif(const Profile& profile, const Symbols& symbols, Writer& out);
 

@@ -112,6 +112,17 @@ void WriteModules(Json& json, const Results& results, Symbols& symbols) {
   json.Close(']');
 }
 
+void WriteRegions(Json& json, const Results& results) {
+  json.Open("regions", '[');
+  for (const Region& region : results.regions) {
+    json.Open('{');
+    json.Text("start", Hexadecimal(region.start));
+    json.Text("end", Hexadecimal(region.end));
+    json.Close('}');
+  }
+  json.Close(']');
+}
+
 void WriteTimeline(Json& json, const Results& results) {
   json.Open("timeline", '[');
   for (const TimePoint& point : results.timeline) {
@@ -245,6 +256,7 @@ void JsonReports::Add(const Profile& profile, Symbols& symbols) {
   json.Line();
   WriteAccounts(json, profile.results);
   WriteModules(json, profile.results, symbols);
+  WriteRegions(json, profile.results);
   WriteTimeline(json, profile.results);
   FrameTable table;
   WriteSites(json, profile, table);

@@ -173,13 +173,15 @@ class Report {
       if (first) json_.emplace(*out_);
       return json_->Add(profile, symbols);
     }
-    if (!first) out_->Print("\n%s\n\n", std::string(100, '=').c_str());
     WriteText(profile, symbols, line_.view, *out_);
+    if (several_) out_->Print("\n%s\n\n", std::string(100, '=').c_str());
+    summary_.Add(profile.results);
   }
 
   void Finish() {
     if (line_.format == "folded") folded_.Write(out_.emplace(line_.output));
     if (json_) json_->Finish();
+    if (line_.format == "text" && several_) summary_.Write(*out_);
     if (out_) out_->Close();
   }
 
@@ -200,6 +202,7 @@ class Report {
   std::optional<Writer> out_;
   std::optional<JsonReports> json_;
   Folded folded_;
+  TextSummary summary_;
 };
 
 Status RunReport(const CommandLine& line) {

@@ -203,6 +203,10 @@ class Builder {
     results_.modules.push_back(module);
   }
 
+  void StartRegion(const Attributes& attributes) {
+    results_.regions.push_back({Address(attributes, "start"), Address(attributes, "end")});
+  }
+
   void StartPoint(const Attributes& attributes) {
     results_.timeline.push_back({Number(attributes, "time"), Number(attributes, "bytesAllocated"),
                                  Number(attributes, "liveBytes"), Number(attributes, "liveBlocks")});
@@ -297,6 +301,7 @@ const std::unordered_map<std::string, Builder::OnStart> Builder::kStarts = {
     {"/heap/olderThreads", &Builder::StartOlderThreads},
     {"/heap/olderThreads/sizes/size", &Builder::StartSize},
     {"/heap/modules/module", &Builder::StartModule},
+    {"/heap/regions/region", &Builder::StartRegion},
     {"/heap/timeline/point", &Builder::StartPoint},
     {"/heap/sites", &Builder::StartSites},
     {"/heap/sites/site", &Builder::StartSite},

@@ -27,6 +27,11 @@ struct Module {
   std::string buildId;    // hexadecimal digits in lower case, "" if not told
 };
 
+// Memory that frames were in and no image: code made at run time.
+struct Region {
+  uint64_t start = 0, end = 0;
+};
+
 struct TimePoint {
   int64_t milliseconds = 0, bytesAllocated = 0, liveBytes = 0, liveBlocks = 0;
 };
@@ -82,6 +87,7 @@ struct Results {
   Account process;
   std::vector<ThreadAccount> threads;
   std::vector<Module> modules;
+  std::vector<Region> regions;
   std::vector<TimePoint> timeline;
   std::vector<Site> sites;
   int64_t foldedSites = 0;

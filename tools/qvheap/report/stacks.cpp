@@ -4,8 +4,8 @@
 namespace qvheap {
 namespace {
 
-// 6 + 52 + 1 + 24 + 1 + 16 columns: 100.
-constexpr size_t kFunctionColumns = 52, kLineColumns = 24, kModuleColumns = 16;
+// 6 + 50 + 1 + 22 + 1 + 20 columns: 100.
+constexpr size_t kFunctionColumns = 50, kLineColumns = 22, kModuleColumns = 20;
 // Of a deep stack the ends are shown.
 constexpr size_t kInnermostShown = 24, kOutermostShown = 8;
 

@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "tools/qvheap/report/text_cleaner.h"
 
 namespace qvheap {
@@ -139,11 +141,16 @@ const std::vector<uint32_t>& Symbols::ResolveInImage(OpenedImage& image, const M
   return frames;
 }
 
+// Code made at run time has one name for all of it: where it lies says nothing, and differs from run to run.
 const std::vector<uint32_t>& Symbols::ResolveOutside(uint64_t address) {
-  std::vector<uint32_t>& frames = outside_[address];
+  const std::vector<Region>& regions = current_->regions;
+  const bool isMade = std::any_of(regions.begin(), regions.end(), [address](const Region& region) {
+    return region.start <= address && address < region.end;
+  });
+  std::vector<uint32_t>& frames = outside_[{address, isMade}];
   if (!frames.empty()) return frames;
   Frame frame;
-  frame.function = names_.Add(Hexadecimal(address));
+  frame.function = names_.Add(isMade ? "(code made at run time)" : Hexadecimal(address));
   frame.address = address;
   frames.push_back(uint32_t(frames_.size()));
   frames_.push_back(frame);

@@ -33,7 +33,7 @@ class Names {
 };
 
 struct Frame {
-  uint32_t function = 0;  // its name; of code without one "image+0x1234", or an address
+  uint32_t function = 0;  // its name; of code without one "image+0x1234", or an address, or what it is
   uint32_t source = 0;    // "" if unknown
   uint32_t module = 0;    // the image's path, "" if there was none
   int line = 0;
@@ -88,7 +88,8 @@ class Symbols {
   std::vector<Frame> frames_;
   std::map<std::string, OpenedImage> images_;  // by path and what the file was
   std::map<uint32_t, FileState> states_;       // by path
-  std::unordered_map<uint64_t, std::vector<uint32_t>> outside_;
+  std::map<std::pair<uint64_t, bool>, std::vector<uint32_t>>
+      outside_;  // by address and whether in a region
   const Results* current_ = nullptr;
   std::unordered_map<AddressKey, const std::vector<uint32_t>*, AddressHash> resolved_;  // of current_
 };

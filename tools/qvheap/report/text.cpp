@@ -178,4 +178,26 @@ void WriteText(const Profile& profile, Symbols& symbols, const View& view, Write
   }
 }
 
+void TextSummary::Add(const Results& results) {
+  const Account& process = results.process;
+  std::string name = std::to_string(results.pid);
+  if (results.kind == "snapshot") name += "." + std::to_string(results.number);
+  rows_.push_back({name, process.Figure("peakBytes"), process.Figure("liveBytes"),
+                   process.Figure("bytesAllocated"), process.Figure("allocations"),
+                   results.CommandLine()});
+}
+
+void TextSummary::Write(Writer& out) {
+  std::stable_sort(rows_.begin(), rows_.end(),
+                   [](const Row& a, const Row& b) { return a.peak > b.peak; });
+  out.Print("%s results files\n", WithCommas(int64_t(rows_.size())).c_str());
+  out.Print("  %-12s %10s %10s %10s %14s  command\n", "process", "peak", "live", "allocated",
+            "allocations");
+  for (const Row& row : rows_) {
+    out.Print("  %-12s %10s %10s %10s %14s  %s\n", row.process.c_str(), HumanBytes(row.peak).c_str(),
+              HumanBytes(row.live).c_str(), HumanBytes(row.allocated).c_str(),
+              WithCommas(row.allocations).c_str(), Cut(row.command, kColumns - 64).c_str());
+  }
+}
+
 }  // namespace qvheap
