@@ -1,7 +1,5 @@
 // Range table: what changes it: blocks, the records behind them, ranges, the whole table.
 // Design: containers/range_table.h.
-#include <string.h>
-
 #include "containers/range_table.h"
 #include "memory/allocate.h"
 
@@ -19,43 +17,6 @@ void* AllocateFor(const RangeTable& table, uint32_t bytes) {
   return Allocate(CategoryOf(table.flags), bytes, SlabShiftOf(table.flags));
 }
 
-// ---- Filters ----------------------------------------------------------------------------------------
-
-BlockFilter& FilterOf(RangeTable& table, uint32_t level) { return table.filters[level - kFinestLevel]; }
-
-void NoteBlock(const BlockFilter& filter, uint64_t address, uint32_t level) {
-  const BlockMark mark(address, level, filter.mask);
-  filter.words[mark.Word()] = uint16_t(filter.words[mark.Word()] | mark.Bits());
-}
-
-// A new filter of the size that the hash table has now, with all its blocks.
-void MakeFilter(const RangeTable& table, const HashTable& hash, uint32_t level, BlockFilter& filter) {
-  const uint32_t bytes = uint32_t(hash.bucketCount) * uint32_t{sizeof(uint16_t)};
-  filter.words = static_cast<uint16_t*>(Allocate(CategoryOf(table.flags), bytes));
-  filter.mask = uint64_t(hash.bucketCount - 1);
-  memset(filter.words, 0, bytes);
-  ForEachEntry(hash, [&](const QV_HASH_ENTRY& entry) { NoteBlock(filter, entry.key, level); });
-}
-
-QV_COLD void GrowFilterSlow(const RangeTable& table, const HashTable& hash, uint32_t level,
-                            BlockFilter& filter) {
-  uint16_t* const old = filter.words;
-  MakeFilter(table, hash, level, filter);
-  Release(old);
-}
-
-// The word of a block that has left, made again from what its bucket still holds.
-void ForgetBlock(const BlockFilter& filter, const HashTable& hash, uint64_t address, uint32_t level) {
-  const uint64_t word = BlockMark(address, level, filter.mask).Word();
-  uint32_t bits = 0;
-  for (const QV_HASH_ENTRY* entry = BucketOf(hash, address, level).head; entry != nullptr;
-       entry = entry->next) {
-    const BlockMark mark(entry->key, level, filter.mask);
-    if (mark.Word() == word) bits |= mark.Bits();
-  }
-  filter.words[word] = uint16_t(bits);
-}
-
 // ---- Blocks -----------------------------------------------------------------------------------------
 
 QV_COLD HashTable& MakeLevelSlow(RangeTable& table, uint32_t level) {
@@ -63,7 +24,7 @@ QV_COLD HashTable& MakeLevelSlow(RangeTable& table, uint32_t level) {
       ContainerFlags(kLevelTableFlags, CategoryOf(table.flags), SlabShiftOf(table.flags));
   HashTable* const hash =
       CreateHashTable(flags, &qvShiftXorHashFunctions[level - kFinestLevel], 1, nullptr, nullptr);
-  MakeFilter(table, *hash, level, FilterOf(table, level));
+  MakeIndex(*hash, level, IndexOf(table, level));
   table.levels[level - kFinestLevel] = hash;
   table.usedLevels |= 1u << level;
   return *hash;
@@ -75,20 +36,17 @@ HashTable& LevelTableMade(RangeTable& table, uint32_t level) {
 }
 
 void AddBlock(RangeTable& table, HashTable& hash, uint64_t address, uint32_t level, void* data) {
-  BlockFilter& filter = FilterOf(table, level);
   AddEntry(hash, address, data);
-  if (QV_UNLIKELY(filter.mask != uint64_t(hash.bucketCount - 1))) {
-    GrowFilterSlow(table, hash, level, filter);
-  } else {
-    NoteBlock(filter, address, level);
-  }
+  AddToIndex(hash, address, level, IndexOf(table, level));
 }
 
 void RemoveBlock(RangeTable& table, uint32_t level, HashTable& hash, QV_HASH_ENTRY** at) {
   const uint64_t address = (*at)->key;
+  const BlockIndex& index = IndexOf(table, level);
+  RemoveFromSlots(index, address, level);
   CountEntryOut(hash);
   RemoveEntry(hash, at);
-  ForgetBlock(FilterOf(table, level), hash, address, level);
+  RemoveFromFilter(hash, address, level, index);
 }
 
 void AddLink(QV_RANGE_LINK& first, QV_RANGE_LINK* link) {
@@ -107,7 +65,7 @@ QV_RANGE_LINK* NewLink(const RangeTable& table, RangeRecord* record) {
 bool Register(RangeTable& table, HashTable& hash, uint64_t address, uint32_t level,
               RangeRecord* record) {
   const bool chains = HoldsChains(table, level);
-  const QV_HASH_ENTRY* const entry = FindBlock(hash, address, level);
+  const QV_HASH_ENTRY* const entry = FindBlock(table, address, level);
   if (entry != nullptr && !chains) return false;
   if (entry != nullptr) {
     AddLink(*static_cast<QV_RANGE_LINK*>(entry->data), NewLink(table, record));
@@ -202,8 +160,7 @@ void EmptyLevel(RangeTable& table, HashTable& hash, uint32_t level, DeadRecords&
       EmptyBlock(table, level, RemoveEntry(hash, &bucket.head), dead);
     }
   }
-  const BlockFilter& filter = FilterOf(table, level);
-  memset(filter.words, 0, (filter.mask + 1) * sizeof(uint16_t));
+  EmptyIndex(IndexOf(table, level));
 }
 
 }  // namespace

@@ -12,7 +12,7 @@ namespace {
 RangeTable* CreateRangeTable(uint32_t maxLevel, uint32_t category, uint32_t flags,
                              QV_RANGE_DESTROY_ITEM destroyItem) {
   const uint32_t levels = maxLevel - kFinestLevel + 1;
-  const uint32_t unused = (kLevels - levels) * uint32_t{sizeof(BlockFilter)};
+  const uint32_t unused = (kLevels - levels) * uint32_t{sizeof(BlockIndex)};
   RangeTable* const table =
       static_cast<RangeTable*>(Allocate(category, uint32_t{sizeof(RangeTable)} - unused));
   table->flags = flags;
@@ -31,7 +31,7 @@ void DestroyRangeTable(RangeTable& table) {
     HashTable* const hash = LevelTable(table, level);
     if (hash == nullptr) continue;
     DestroyHashTable(*hash, nullptr);
-    Release(table.filters[level - kFinestLevel].words);
+    ReleaseIndex(IndexOf(table, level));
   }
   Release(table.levels);
   Release(&table);

@@ -1,8 +1,8 @@
 // Range table, inside view.
 //
-//   [0x10, 0xC0)   block   level   levels[level - 4]                    filters[level - 4]
-//                  0x00    4       entry -> link -> record  (outside)   | word | word | word | ...
-//                  0x20    4       entry -> link -> record                one for each bucket
+//   [0x10, 0xC0)   block   level   levels[level - 4]
+//                  0x00    4       entry -> link -> record  (outside)
+//                  0x20    4       entry -> link -> record
 //                  0x40    5       entry -> record
 //                  0x80    5       entry -> record
 //
@@ -13,27 +13,14 @@
 //      and for removal.
 //  (3) references is the number of hash entries and links that name the record. It is above 0: a record
 //      that nothing names is gone.
-//  (4) A filter has exactly the bits of the blocks that its level's hash table holds.
+//  (4) Filter and index of a level know exactly the blocks that its hash table holds.
 //  (5) destroyItem runs last, when no structure of the table holds anything of the range. It may use the
 //      table, so nothing read before it is used after it.
-//
-// The filters are why a lookup is fast. An address has a block on every level, and most levels do not
-// hold it; to learn that from their hash tables costs a bucket and a chain each, up to eight entries long
-// on the finest levels, whose hash function uses every eighth, fourth or second bucket only. The filters
-// are small enough to stay in the cache, and asking all of them takes no branch that could be mispredicted.
 #pragma once
 
-#include "containers/hash_table.h"
+#include "containers/range_index.h"
 
 namespace qv {
-
-inline constexpr uint32_t kFinestLevel = 4;
-inline constexpr uint32_t kCoarsestLevel = 26;
-inline constexpr uint32_t kLevels = kCoarsestLevel - kFinestLevel + 1;
-inline constexpr uint64_t kFinestBlock = 32;
-
-QV_INLINE uint64_t BlockBytes(uint32_t level) { return uint64_t{2} << level; }
-QV_INLINE uint64_t RoundDown(uint64_t address, uint32_t level) { return address & -BlockBytes(level); }
 
 // The level of the largest block not above the length.
 QV_INLINE uint32_t LevelFor(uint64_t length, uint32_t maxLevel) {
@@ -43,15 +30,10 @@ QV_INLINE uint32_t LevelFor(uint64_t length, uint32_t maxLevel) {
 
 // ---- Records ----------------------------------------------------------------------------------------
 
-struct BlockFilter {
-  uint16_t* words;  // as many as the level's hash table has buckets
-  uint64_t mask;    // their number less one
-};
-
 // What is behind each QV_RANGE_TABLE.
 struct RangeTable : QV_RANGE_TABLE {
-  uint32_t usedLevels;           // bit L: level L has a hash table and a filter
-  BlockFilter filters[kLevels];  // allocated up to maxLevel
+  uint32_t usedLevels;          // bit L: level L has a hash table, a filter and an index
+  BlockIndex indexes[kLevels];  // allocated up to maxLevel
 };
 
 // What is behind each QV_RANGE_RECORD. The link fits into the chunk that the record takes in any case.
@@ -115,27 +97,6 @@ class BlockWalk {
   const uint32_t maxLevel_;
 };
 
-// Where a filter notes a block: two bits of one word. The word is that of the block's bucket or, on the
-// finest levels, one of the group of words whose other buckets the level's hash function never uses.
-class BlockMark {
- public:
-  QV_INLINE BlockMark(uint64_t address, uint32_t level, uint64_t mask) {
-    const uint64_t mixed = (address >> (level + 1)) * 0x9E3779B97F4A7C15;  // 2^64 by the golden ratio
-    const uint64_t hash = ShiftXor(RoundDown(address, level), level - kFinestLevel + 1);
-    const uint64_t unused = 7u >> (level - kFinestLevel);
-    word_ = (hash & mask) | (mixed >> 48 & unused);
-    first_ = uint32_t(mixed >> 60);
-    second_ = uint32_t(mixed >> 56 & 15);
-  }
-  QV_INLINE uint64_t Word() const { return word_; }
-  QV_INLINE uint32_t Bits() const { return 1u << first_ | 1u << second_; }
-  QV_INLINE bool IsIn(uint32_t word) const { return (word >> first_ & word >> second_ & 1) != 0; }
-
- private:
-  uint64_t word_;
-  uint32_t first_, second_;
-};
-
 QV_INLINE const RangeTable& Own(const QV_RANGE_TABLE& table) {
   return static_cast<const RangeTable&>(table);
 }
@@ -150,12 +111,16 @@ QV_INLINE bool HoldsChains(const RangeTable& table, uint32_t level) {
   return level == kFinestLevel && (table.flags & QV_RANGE_TABLE_UNSHARED_BLOCKS) == 0;
 }
 
-// The bucket of a block: the hash function of the level, without the call.
-QV_INLINE QV_HASH_BUCKET& BucketOf(const QV_HASH_TABLE& hash, uint64_t address, uint32_t level) {
-  return BucketAt(hash, ShiftXor(address, level - kFinestLevel + 1));
+QV_INLINE const BlockIndex& IndexOf(const RangeTable& table, uint32_t level) {
+  return table.indexes[level - kFinestLevel];
 }
-QV_INLINE QV_HASH_ENTRY* FindBlock(const QV_HASH_TABLE& hash, uint64_t address, uint32_t level) {
-  return FindPlain(hash, BucketOf(hash, address, level).head, address);
+QV_INLINE BlockIndex& IndexOf(RangeTable& table, uint32_t level) {
+  return table.indexes[level - kFinestLevel];
+}
+
+// The block's entry, or null. The level is in use.
+QV_INLINE QV_HASH_ENTRY* FindBlock(const RangeTable& table, uint64_t address, uint32_t level) {
+  return FindInIndex(IndexOf(table, level), *LevelTable(table, level), address, level);
 }
 
 // ---- Searches ---------------------------------------------------------------------------------------
@@ -170,9 +135,9 @@ QV_INLINE uint32_t AskFilters(const RangeTable& table, uint64_t address, uint32_
   uint32_t candidates = 0;
   for (; levels != 0; levels &= levels - 1) {
     const uint32_t level = uint32_t(__builtin_ctz(levels));
-    const BlockFilter& filter = table.filters[level - kFinestLevel];
-    const BlockMark mark(address, level, filter.mask);
-    candidates |= uint32_t{mark.IsIn(filter.words[mark.Word()])} << level;
+    const BlockIndex& index = IndexOf(table, level);
+    const BlockMark mark(address, level, index.filterMask);
+    candidates |= uint32_t{mark.IsIn(index.filter[mark.Word()])} << level;
   }
   return candidates;
 }
@@ -182,7 +147,7 @@ QV_INLINE FoundBlock FindBlockAt(const RangeTable& table, uint64_t address, uint
   uint32_t candidates = AskFilters(table, address, table.usedLevels & ((2u << level) - 1));
   while (candidates != 0) {
     level = 31 - uint32_t(__builtin_clz(candidates));
-    QV_HASH_ENTRY* const entry = FindBlock(*LevelTable(table, level), RoundDown(address, level), level);
+    QV_HASH_ENTRY* const entry = FindBlock(table, RoundDown(address, level), level);
     if (QV_LIKELY(entry != nullptr)) return {entry, level};
     candidates ^= 1u << level;
   }

@@ -21,7 +21,7 @@ uint32_t CountNames(const RangeTable& table, const QV_RANGE_RECORD& record, uint
     const HashTable* const hash = LevelTable(table, run.level);
     for (uint64_t i = 0; hash != nullptr && i < run.count; i++) {
       const uint64_t block = run.address + i * BlockBytes(run.level);
-      const QV_HASH_ENTRY* const entry = FindBlock(*hash, block, run.level);
+      const QV_HASH_ENTRY* const entry = FindBlock(table, block, run.level);
       if (entry == nullptr || !Names(table, run.level, entry->data, record)) continue;
       names++;
       meets |= block == address && run.level == level;
@@ -53,33 +53,6 @@ const char* ValidateBlock(const RangeTable& table, const QV_HASH_ENTRY& entry, u
   return wrong;
 }
 
-// How many bits of the entry's mark no later entry of its chain has: over a chain, the bits of its words.
-uint64_t CountFirstUses(const BlockFilter& filter, const QV_HASH_ENTRY& entry, uint32_t level) {
-  const BlockMark mark(entry.key, level, filter.mask);
-  uint32_t bits = mark.Bits();
-  for (const QV_HASH_ENTRY* later = entry.next; later != nullptr; later = later->next) {
-    const BlockMark other(later->key, level, filter.mask);
-    if (other.Word() == mark.Word()) bits &= ~other.Bits();
-  }
-  return uint64_t(__builtin_popcount(bits));
-}
-
-// Every bit of the filter comes from a block, and every block has its bits.
-const char* ValidateFilter(const RangeTable& table, const HashTable& hash, uint32_t level) {
-  const BlockFilter& filter = table.filters[level - kFinestLevel];
-  if (filter.mask != uint64_t(hash.bucketCount - 1)) return "a filter is of another size";
-  const char* wrong = nullptr;
-  uint64_t noted = 0, present = 0;
-  for (uint64_t i = 0; i <= filter.mask; i++) noted += uint64_t(__builtin_popcount(filter.words[i]));
-  ForEachEntry(hash, [&](const QV_HASH_ENTRY& entry) {
-    const BlockMark mark(entry.key, level, filter.mask);
-    if (!mark.IsIn(filter.words[mark.Word()])) wrong = "a filter does not know a block";
-    present += CountFirstUses(filter, entry, level);
-  });
-  if (wrong == nullptr && noted != present) wrong = "a filter has bits of no block";
-  return wrong;
-}
-
 }  // namespace
 
 const char* ValidateRangeTable(const QV_RANGE_TABLE& publicTable) {
@@ -90,7 +63,7 @@ const char* ValidateRangeTable(const QV_RANGE_TABLE& publicTable) {
     if ((hash != nullptr) != ((table.usedLevels >> level & 1) != 0)) return "used levels";
     if (hash == nullptr) continue;
     const char* wrong = ValidateHashTable(*hash);
-    if (wrong == nullptr) wrong = ValidateFilter(table, *hash, level);
+    if (wrong == nullptr) wrong = ValidateIndex(*hash, level, IndexOf(table, level));
     ForEachEntry(*hash, [&](const QV_HASH_ENTRY& entry) {
       if (wrong == nullptr) wrong = ValidateBlock(table, entry, level);
     });
