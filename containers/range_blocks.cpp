@@ -24,7 +24,7 @@ QV_COLD HashTable& MakeLevelSlow(RangeTable& table, uint32_t level) {
       ContainerFlags(kLevelTableFlags, CategoryOf(table.flags), SlabShiftOf(table.flags));
   HashTable* const hash =
       CreateHashTable(flags, &qvShiftXorHashFunctions[level - kFinestLevel], 1, nullptr, nullptr);
-  MakeIndex(*hash, level, IndexOf(table, level));
+  MakeIndex(CategoryOf(table.flags), IndexOf(table, level));
   table.levels[level - kFinestLevel] = hash;
   table.usedLevels |= 1u << level;
   return *hash;
@@ -37,21 +37,14 @@ HashTable& LevelTableMade(RangeTable& table, uint32_t level) {
 
 void AddBlock(RangeTable& table, HashTable& hash, uint64_t address, uint32_t level, void* data) {
   AddEntry(hash, address, data);
-  AddToIndex(hash, address, level, IndexOf(table, level));
+  const BlockSlot slot = {address, NamedBy(data, HoldsChains(table, level))};
+  AddToIndex(CategoryOf(table.flags), uint64_t(hash.count), slot, level, IndexOf(table, level));
 }
 
 void RemoveBlock(RangeTable& table, uint32_t level, HashTable& hash, QV_HASH_ENTRY** at) {
-  const uint64_t address = (*at)->key;
-  const BlockIndex& index = IndexOf(table, level);
-  RemoveFromSlots(index, address, level);
+  RemoveFromIndex(IndexOf(table, level), (*at)->key, level);
   CountEntryOut(hash);
   RemoveEntry(hash, at);
-  RemoveFromFilter(hash, address, level, index);
-}
-
-void AddLink(QV_RANGE_LINK& first, QV_RANGE_LINK* link) {
-  link->next = first.next;
-  first.next = link;
 }
 
 QV_RANGE_LINK* NewLink(const RangeTable& table, RangeRecord* record) {
@@ -61,14 +54,27 @@ QV_RANGE_LINK* NewLink(const RangeTable& table, RangeRecord* record) {
   return link;
 }
 
+// The index follows the chain of a block.
+void RenameBlock(const RangeTable& table, const QV_HASH_ENTRY& entry, uint32_t level) {
+  RenameInIndex(IndexOf(table, level), {entry.key, NamedBy(entry.data, true)}, level);
+}
+
+// Second in the chain of a block that is there.
+void AddLink(const RangeTable& table, const QV_HASH_ENTRY& entry, uint32_t level, QV_RANGE_LINK* link) {
+  QV_RANGE_LINK& first = *static_cast<QV_RANGE_LINK*>(entry.data);
+  link->next = first.next;
+  first.next = link;
+  RenameBlock(table, entry, level);
+}
+
 // Has a block name the record; false if it names another, which it can only where no chain is.
 bool Register(RangeTable& table, HashTable& hash, uint64_t address, uint32_t level,
               RangeRecord* record) {
   const bool chains = HoldsChains(table, level);
-  const QV_HASH_ENTRY* const entry = FindBlock(table, address, level);
-  if (entry != nullptr && !chains) return false;
-  if (entry != nullptr) {
-    AddLink(*static_cast<QV_RANGE_LINK*>(entry->data), NewLink(table, record));
+  const bool there = FindBlock(table, address, level) != 0;
+  if (there && !chains) return false;
+  if (there) {
+    AddLink(table, *FindEntry(hash, address, level), level, NewLink(table, record));
   } else if (chains) {
     AddBlock(table, hash, address, level, NewLink(table, record));
   } else {
@@ -102,7 +108,11 @@ RangeRecord* Unregister(RangeTable& table, uint32_t level, HashTable& hash, QV_H
   QV_RANGE_LINK* first = static_cast<QV_RANGE_LINK*>(entry->data);
   RangeRecord* const record = TakeLink(first, bounds);
   entry->data = first;
-  if (first == nullptr) RemoveBlock(table, level, hash, at);
+  if (first == nullptr) {
+    RemoveBlock(table, level, hash, at);
+  } else {
+    RenameBlock(table, *entry, level);
+  }
   return record;
 }
 

@@ -7,171 +7,133 @@
 
 namespace qv {
 
-// What one allocation can hold.
-constinit uint64_t g_mostSlots = uint64_t{1} << 28;
+constinit uint64_t g_mostSlots = uint64_t{1} << 27;  // with their words, 2.125 GiB
 
 namespace {
 
-constexpr uint32_t kFirstSlotShift = 59;  // 32 slots
+constexpr uint32_t kSlotsOfWord = 8;
+constexpr uint32_t kFirstSlots = 32;
+constexpr uint32_t kSlotAndItsShare = sizeof(BlockSlot) + sizeof(uint64_t) / kSlotsOfWord;
 
-uint64_t SlotCount(uint32_t shift) { return uint64_t{1} << (64 - shift); }
+// Memory begins 8 bytes past a multiple of 16. One word more, and no slot lies on two cache lines.
+constexpr uint32_t kPadding = 1;
 
-// ---- Filter -----------------------------------------------------------------------------------------
+constexpr uint64_t kEveryBlock[2] = {~uint64_t{0}, ~uint64_t{0}};
 
-void NoteBlock(const BlockIndex& index, uint64_t address, uint32_t level) {
-  const BlockMark mark(address, level, index.filterMask);
-  index.filter[mark.Word()] = uint16_t(index.filter[mark.Word()] | mark.Bits());
+uint64_t SlotCount(const BlockIndex& index) { return SlotMask(index) + 1; }
+uint64_t* WordsOf(const BlockIndex& index) { return const_cast<uint64_t*>(index.words); }
+
+uint64_t BitsOf(uint64_t mixed) {
+  return uint64_t{1} << FirstBit(mixed) | uint64_t{1} << SecondBit(mixed);
 }
 
-// Of the size that the hash table has now, with all its blocks.
-void MakeFilter(const HashTable& hash, uint32_t level, BlockIndex& index) {
-  const uint32_t bytes = uint32_t(hash.bucketCount) * uint32_t{sizeof(uint16_t)};
-  index.filter = static_cast<uint16_t*>(Allocate(CategoryOf(hash.flags), bytes));
-  index.filterMask = uint64_t(hash.bucketCount - 1);
-  memset(index.filter, 0, bytes);
-  ForEachEntry(hash, [&](const QV_HASH_ENTRY& entry) { NoteBlock(index, entry.key, level); });
+void Clear(const BlockIndex& index) { memset(WordsOf(index), 0, SlotCount(index) * kSlotAndItsShare); }
+
+void MakeEmpty(uint32_t category, uint64_t slots, BlockIndex& index) {
+  uint64_t* const words =
+      kPadding + static_cast<uint64_t*>(Allocate(category, uint32_t(slots * kSlotAndItsShare) + 8));
+  index.words = words;
+  index.slots = reinterpret_cast<BlockSlot*>(words + slots / kSlotsOfWord);
+  index.slotShift = 1 + uint32_t(__builtin_clzll(slots));
+  index.wordShift = index.slotShift + uint32_t(__builtin_ctz(kSlotsOfWord));
+  Clear(index);
 }
 
-QV_COLD void GrowFilterSlow(const HashTable& hash, uint32_t level, BlockIndex& index) {
-  uint16_t* const old = index.filter;
-  MakeFilter(hash, level, index);
-  Release(old);
+void DoWithout(BlockIndex& index) { index = {kEveryBlock, nullptr, 63, 63}; }
+
+void Place(const BlockIndex& index, const BlockSlot& block, uint32_t level) {
+  const uint64_t mixed = MixBlock(block.block, level);
+  WordsOf(index)[mixed >> index.wordShift] |= BitsOf(mixed);
+  SlotOf(index, block.block, level) = block;
 }
 
-// ---- Slots ------------------------------------------------------------------------------------------
-
-void Place(const BlockIndex& index, QV_HASH_ENTRY* entry, uint32_t level) {
-  uint64_t slot = FirstSlot(index, entry->key, level);
-  while (index.slots[slot] != nullptr) slot = (slot + 1) & SlotMask(index);
-  index.slots[slot] = entry;
-}
-
-void MakeSlots(const HashTable& hash, uint32_t level, uint32_t shift, BlockIndex& index) {
-  const uint32_t bytes = uint32_t(SlotCount(shift) * sizeof(QV_HASH_ENTRY*));
-  index.slots = static_cast<QV_HASH_ENTRY**>(Allocate(CategoryOf(hash.flags), bytes));
-  index.slotShift = shift;
-  memset(index.slots, 0, bytes);
-  ForEachEntry(hash, [&](QV_HASH_ENTRY& entry) { Place(index, &entry, level); });
-}
-
-// The new ones hold the newest entry already.
-QV_COLD void GrowSlotsSlow(const HashTable& hash, uint32_t level, BlockIndex& index) {
-  QV_HASH_ENTRY** const old = index.slots;
-  if (SlotCount(index.slotShift) < g_mostSlots) {
-    MakeSlots(hash, level, index.slotShift - 1, index);
+QV_COLD void GrowSlow(uint32_t category, uint32_t level, BlockIndex& index) {
+  const BlockIndex old = index;
+  const uint64_t slots = SlotCount(old) * 2;
+  if (slots <= g_mostSlots) {
+    MakeEmpty(category, slots, index);
+    for (uint64_t i = 0; i < slots / 2; i++) {
+      if (old.slots[i].named != 0) Place(index, old.slots[i], level);
+    }
   } else {
-    index.slots = nullptr;
+    DoWithout(index);
   }
-  Release(old);
+  Release(WordsOf(old) - kPadding);
+}
+
+// What follows moves up into the gap, unless it would then come before its first slot.
+void RemoveFromSlots(const BlockIndex& index, uint64_t block, uint32_t level) {
+  const uint64_t mask = SlotMask(index);
+  uint64_t gap = uint64_t(&SlotOf(index, block, level) - index.slots);
+  for (uint64_t slot = (gap + 1) & mask; index.slots[slot].named != 0; slot = (slot + 1) & mask) {
+    const uint64_t first = MixBlock(index.slots[slot].block, level) >> index.slotShift;
+    if (((slot - first) & mask) < ((slot - gap) & mask)) continue;
+    index.slots[gap] = index.slots[slot];
+    gap = slot;
+  }
+  index.slots[gap].named = 0;
+}
+
+// The bits of a word, by (2). By (1) its blocks have been seen at the first empty slot behind its own.
+uint64_t BitsOfWord(const BlockIndex& index, uint64_t word, uint32_t level) {
+  uint64_t bits = 0;
+  for (uint64_t passed = 0;; passed++) {
+    const BlockSlot& slot = index.slots[(word * kSlotsOfWord + passed) & SlotMask(index)];
+    if (slot.named == 0) {
+      if (passed >= kSlotsOfWord - 1) return bits;
+      continue;
+    }
+    const uint64_t mixed = MixBlock(slot.block, level);
+    if (mixed >> index.wordShift == word) bits |= BitsOf(mixed);
+  }
 }
 
 }  // namespace
 
-void MakeIndex(const HashTable& hash, uint32_t level, BlockIndex& index) {
-  MakeFilter(hash, level, index);
-  MakeSlots(hash, level, kFirstSlotShift, index);
-}
+void MakeIndex(uint32_t category, BlockIndex& index) { MakeEmpty(category, kFirstSlots, index); }
 
 void ReleaseIndex(BlockIndex& index) {
-  Release(index.filter);
-  Release(index.slots);
+  if (index.slots != nullptr) Release(WordsOf(index) - kPadding);
 }
 
-void AddToIndex(const HashTable& hash, uint64_t address, uint32_t level, BlockIndex& index) {
-  if (QV_UNLIKELY(index.filterMask != uint64_t(hash.bucketCount - 1))) {
-    GrowFilterSlow(hash, level, index);
-  } else {
-    NoteBlock(index, address, level);
+void AddToIndex(uint32_t category, uint64_t count, const BlockSlot& block, uint32_t level,
+                BlockIndex& index) {
+  if (QV_UNLIKELY(index.slots != nullptr && count > SlotCount(index) / 2)) {
+    GrowSlow(category, level, index);
   }
+  if (QV_LIKELY(index.slots != nullptr)) Place(index, block, level);
+}
+
+void RenameInIndex(const BlockIndex& index, const BlockSlot& block, uint32_t level) {
+  if (index.slots != nullptr) SlotOf(index, block.block, level) = block;
+}
+
+void RemoveFromIndex(const BlockIndex& index, uint64_t block, uint32_t level) {
   if (QV_UNLIKELY(index.slots == nullptr)) return;
-  if (QV_UNLIKELY(uint64_t(hash.count) > SlotCount(index.slotShift) / 2)) {
-    return GrowSlotsSlow(hash, level, index);
-  }
-  Place(index, BucketOf(hash, address, level).head, level);
-}
-
-// What follows moves up, unless it would then come before its first slot.
-void RemoveFromSlots(const BlockIndex& index, uint64_t address, uint32_t level) {
-  if (QV_UNLIKELY(index.slots == nullptr)) return;
-  const uint64_t mask = SlotMask(index);
-  uint64_t gap = FirstSlot(index, address, level);
-  while (index.slots[gap]->key != address) gap = (gap + 1) & mask;
-  uint64_t slot = gap;
-  while (QV_HASH_ENTRY* const entry = index.slots[slot = (slot + 1) & mask]) {
-    const uint64_t wayFromFirst = (slot - FirstSlot(index, entry->key, level)) & mask;
-    if (wayFromFirst < ((slot - gap) & mask)) continue;
-    index.slots[gap] = entry;
-    gap = slot;
-  }
-  index.slots[gap] = nullptr;
-}
-
-// The word is made again from what its bucket still holds.
-void RemoveFromFilter(const HashTable& hash, uint64_t address, uint32_t level,
-                      const BlockIndex& index) {
-  const uint64_t word = BlockMark(address, level, index.filterMask).Word();
-  uint32_t bits = 0;
-  for (const QV_HASH_ENTRY* entry = BucketOf(hash, address, level).head; entry != nullptr;
-       entry = entry->next) {
-    const BlockMark mark(entry->key, level, index.filterMask);
-    if (mark.Word() == word) bits |= mark.Bits();
-  }
-  index.filter[word] = uint16_t(bits);
+  RemoveFromSlots(index, block, level);
+  const uint64_t word = MixBlock(block, level) >> index.wordShift;
+  WordsOf(index)[word] = BitsOfWord(index, word, level);
 }
 
 void EmptyIndex(const BlockIndex& index) {
-  memset(index.filter, 0, (index.filterMask + 1) * sizeof(uint16_t));
-  if (index.slots != nullptr) memset(index.slots, 0, (SlotMask(index) + 1) * sizeof(QV_HASH_ENTRY*));
+  if (index.slots != nullptr) Clear(index);
 }
 
-// ---- Validation -------------------------------------------------------------------------------------
-
-namespace {
-
-// How many bits of the entry's mark no later entry of its chain has: over a chain, the bits of its words.
-uint64_t CountFirstUses(const BlockIndex& index, const QV_HASH_ENTRY& entry, uint32_t level) {
-  const BlockMark mark(entry.key, level, index.filterMask);
-  uint32_t bits = mark.Bits();
-  for (const QV_HASH_ENTRY* later = entry.next; later != nullptr; later = later->next) {
-    const BlockMark other(later->key, level, index.filterMask);
-    if (other.Word() == mark.Word()) bits &= ~other.Bits();
+const char* ValidateIndex(const BlockIndex& index, uint64_t count, uint32_t level) {
+  if (index.slots == nullptr) return nullptr;
+  uint64_t used = 0;
+  for (uint64_t i = 0; i < SlotCount(index); i++) {
+    const BlockSlot& slot = index.slots[i];
+    if (slot.named == 0) continue;
+    used++;
+    if (&SlotOf(index, slot.block, level) != &slot) return "a slot is not found from its block";
   }
-  return uint64_t(__builtin_popcount(bits));
-}
-
-// Every bit of the filter comes from a block, and every block has its bits.
-const char* ValidateFilter(const HashTable& hash, uint32_t level, const BlockIndex& index) {
-  if (index.filterMask != uint64_t(hash.bucketCount - 1)) return "a filter is of another size";
-  const char* wrong = nullptr;
-  uint64_t noted = 0, present = 0;
-  for (uint64_t i = 0; i <= index.filterMask; i++) {
-    noted += uint64_t(__builtin_popcount(index.filter[i]));
+  if (used != count) return "the slots in use are not as many as the blocks";
+  if (used > SlotCount(index) / 2) return "too many slots are in use";
+  for (uint64_t word = 0; word < SlotCount(index) / kSlotsOfWord; word++) {
+    if (index.words[word] != BitsOfWord(index, word, level)) return "a filter has bits of other blocks";
   }
-  ForEachEntry(hash, [&](const QV_HASH_ENTRY& entry) {
-    const BlockMark mark(entry.key, level, index.filterMask);
-    if (!mark.IsIn(index.filter[mark.Word()])) wrong = "a filter does not know a block";
-    present += CountFirstUses(index, entry, level);
-  });
-  if (wrong == nullptr && noted != present) wrong = "a filter has bits of no block";
-  return wrong;
-}
-
-const char* ValidateSlots(const HashTable& hash, uint32_t level, const BlockIndex& index) {
-  const char* wrong = nullptr;
-  int64_t used = 0;
-  for (uint64_t i = 0; i <= SlotMask(index); i++) used += index.slots[i] != nullptr;
-  if (used != hash.count) return "the slots in use are not as many as the blocks";
-  ForEachEntry(hash, [&](const QV_HASH_ENTRY& entry) {
-    if (FindInIndex(index, hash, entry.key, level) != &entry) wrong = "a block is not found by slots";
-  });
-  return wrong;
-}
-
-}  // namespace
-
-const char* ValidateIndex(const HashTable& hash, uint32_t level, const BlockIndex& index) {
-  const char* const wrong = ValidateFilter(hash, level, index);
-  return wrong != nullptr || index.slots == nullptr ? wrong : ValidateSlots(hash, level, index);
+  return nullptr;
 }
 
 }  // namespace qv

@@ -58,9 +58,9 @@ void IntervalWalk::JumpSlow() {
 // lies inside, elsewhere the only one.
 QV_RANGE_RECORD* ChooseInside(const RangeTable& table, const FoundBlock& found, uint64_t low,
                               uint64_t high) {
-  if (found.entry == nullptr) return nullptr;
-  if (!HoldsChains(table, found.level)) return static_cast<QV_RANGE_RECORD*>(found.entry->data);
-  return FirstInChain(*found.entry, [low, high](const QV_RANGE_RECORD& record) {
+  if (found.named == 0) return nullptr;
+  if (!HoldsChains(table, found.level)) return reinterpret_cast<QV_RANGE_RECORD*>(found.named);
+  return FirstInChain(found.named, [low, high](const QV_RANGE_RECORD& record) {
     return low <= record.start && record.end <= high;
   });
 }

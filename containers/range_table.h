@@ -18,6 +18,7 @@
 //      table, so nothing read before it is used after it.
 #pragma once
 
+#include "containers/hash_table.h"
 #include "containers/range_index.h"
 
 namespace qv {
@@ -32,7 +33,7 @@ QV_INLINE uint32_t LevelFor(uint64_t length, uint32_t maxLevel) {
 
 // What is behind each QV_RANGE_TABLE.
 struct RangeTable : QV_RANGE_TABLE {
-  uint32_t usedLevels;          // bit L: level L has a hash table, a filter and an index
+  uint32_t usedLevels;          // bit L: level L has a hash table and an index
   BlockIndex indexes[kLevels];  // allocated up to maxLevel
 };
 
@@ -118,15 +119,34 @@ QV_INLINE BlockIndex& IndexOf(RangeTable& table, uint32_t level) {
   return table.indexes[level - kFinestLevel];
 }
 
-// The block's entry, or null. The level is in use.
-QV_INLINE QV_HASH_ENTRY* FindBlock(const RangeTable& table, uint64_t address, uint32_t level) {
-  return FindInIndex(IndexOf(table, level), *LevelTable(table, level), address, level);
+// The bucket of a block: the hash function of the level, without the call.
+QV_INLINE QV_HASH_BUCKET& BucketOf(const QV_HASH_TABLE& hash, uint64_t address, uint32_t level) {
+  return BucketAt(hash, ShiftXor(address, level - kFinestLevel + 1));
+}
+QV_INLINE QV_HASH_ENTRY* FindEntry(const QV_HASH_TABLE& hash, uint64_t address, uint32_t level) {
+  return FindPlain(hash, BucketOf(hash, address, level).head, address);
+}
+
+// What the data of a block's entry names.
+QV_INLINE Named NamedBy(const void* data, bool chains) {
+  const QV_RANGE_LINK* const link = static_cast<const QV_RANGE_LINK*>(data);
+  if (!chains) return reinterpret_cast<Named>(data);
+  return link->next != nullptr ? reinterpret_cast<Named>(link) | 1
+                               : reinterpret_cast<Named>(link->record);
+}
+
+// What the block names. The level is in use.
+QV_INLINE Named FindBlock(const RangeTable& table, uint64_t address, uint32_t level) {
+  const BlockIndex& index = IndexOf(table, level);
+  if (QV_LIKELY(index.slots != nullptr)) return SlotOf(index, address, level).named;
+  const QV_HASH_ENTRY* const entry = FindEntry(*LevelTable(table, level), address, level);
+  return entry != nullptr ? NamedBy(entry->data, HoldsChains(table, level)) : 0;
 }
 
 // ---- Searches ---------------------------------------------------------------------------------------
 
 struct FoundBlock {
-  QV_HASH_ENTRY* entry;  // null: none
+  Named named;  // 0: there is none
   uint32_t level;
 };
 
@@ -135,9 +155,7 @@ QV_INLINE uint32_t AskFilters(const RangeTable& table, uint64_t address, uint32_
   uint32_t candidates = 0;
   for (; levels != 0; levels &= levels - 1) {
     const uint32_t level = uint32_t(__builtin_ctz(levels));
-    const BlockIndex& index = IndexOf(table, level);
-    const BlockMark mark(address, level, index.filterMask);
-    candidates |= uint32_t{mark.IsIn(index.filter[mark.Word()])} << level;
+    candidates |= MayHaveBlock(IndexOf(table, level), address, level) << level;
   }
   return candidates;
 }
@@ -147,16 +165,21 @@ QV_INLINE FoundBlock FindBlockAt(const RangeTable& table, uint64_t address, uint
   uint32_t candidates = AskFilters(table, address, table.usedLevels & ((2u << level) - 1));
   while (candidates != 0) {
     level = 31 - uint32_t(__builtin_clz(candidates));
-    QV_HASH_ENTRY* const entry = FindBlock(table, RoundDown(address, level), level);
-    if (QV_LIKELY(entry != nullptr)) return {entry, level};
+    const Named named = FindBlock(table, RoundDown(address, level), level);
+    if (QV_LIKELY(named != 0)) return {named, level};
     candidates ^= 1u << level;
   }
-  return {nullptr, kFinestLevel};
+  return {0, kFinestLevel};
 }
 
+// The first record that is wanted of those that a block with a chain names, or null.
 template <class Wanted>
-QV_INLINE QV_RANGE_RECORD* FirstInChain(const QV_HASH_ENTRY& entry, Wanted wanted) {
-  const QV_RANGE_LINK* link = static_cast<const QV_RANGE_LINK*>(entry.data);
+QV_INLINE QV_RANGE_RECORD* FirstInChain(Named named, Wanted wanted) {
+  if (QV_LIKELY((named & 1) == 0)) {
+    QV_RANGE_RECORD* const record = reinterpret_cast<QV_RANGE_RECORD*>(named);
+    return wanted(*record) ? record : nullptr;
+  }
+  const QV_RANGE_LINK* link = reinterpret_cast<const QV_RANGE_LINK*>(named & ~Named{1});
   while (link != nullptr && !wanted(*link->record)) link = link->next;
   return link != nullptr ? link->record : nullptr;
 }
@@ -164,9 +187,9 @@ QV_INLINE QV_RANGE_RECORD* FirstInChain(const QV_HASH_ENTRY& entry, Wanted wante
 // The range that holds the address, or null. A record that no chain names is not compared.
 QV_INLINE QV_RANGE_RECORD* FindRange(const RangeTable& table, uint64_t address) {
   const FoundBlock found = FindBlockAt(table, address, table.maxLevel);
-  if (found.entry == nullptr) return nullptr;
-  if (!HoldsChains(table, found.level)) return static_cast<QV_RANGE_RECORD*>(found.entry->data);
-  return FirstInChain(*found.entry, [address](const QV_RANGE_RECORD& record) {
+  if (found.named == 0) return nullptr;
+  if (!HoldsChains(table, found.level)) return reinterpret_cast<QV_RANGE_RECORD*>(found.named);
+  return FirstInChain(found.named, [address](const QV_RANGE_RECORD& record) {
     return record.start <= address && address < record.end;
   });
 }

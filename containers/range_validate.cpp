@@ -21,7 +21,7 @@ uint32_t CountNames(const RangeTable& table, const QV_RANGE_RECORD& record, uint
     const HashTable* const hash = LevelTable(table, run.level);
     for (uint64_t i = 0; hash != nullptr && i < run.count; i++) {
       const uint64_t block = run.address + i * BlockBytes(run.level);
-      const QV_HASH_ENTRY* const entry = FindBlock(table, block, run.level);
+      const QV_HASH_ENTRY* const entry = FindEntry(*hash, block, run.level);
       if (entry == nullptr || !Names(table, run.level, entry->data, record)) continue;
       names++;
       meets |= block == address && run.level == level;
@@ -41,6 +41,9 @@ const char* ValidateRecord(const RangeTable& table, const QV_RANGE_RECORD* recor
 
 const char* ValidateBlock(const RangeTable& table, const QV_HASH_ENTRY& entry, uint32_t level) {
   if (RoundDown(entry.key, level) != entry.key) return "a block is not aligned to its size";
+  const Named named = NamedBy(entry.data, HoldsChains(table, level));
+  if (FindBlock(table, entry.key, level) != named) return "the index names something else";
+  if (MayHaveBlock(IndexOf(table, level), entry.key, level) == 0) return "the filter misses a block";
   if (!HoldsChains(table, level)) {
     return ValidateRecord(table, static_cast<const QV_RANGE_RECORD*>(entry.data), entry.key, level);
   }
@@ -63,7 +66,7 @@ const char* ValidateRangeTable(const QV_RANGE_TABLE& publicTable) {
     if ((hash != nullptr) != ((table.usedLevels >> level & 1) != 0)) return "used levels";
     if (hash == nullptr) continue;
     const char* wrong = ValidateHashTable(*hash);
-    if (wrong == nullptr) wrong = ValidateIndex(*hash, level, IndexOf(table, level));
+    if (wrong == nullptr) wrong = ValidateIndex(IndexOf(table, level), uint64_t(hash->count), level);
     ForEachEntry(*hash, [&](const QV_HASH_ENTRY& entry) {
       if (wrong == nullptr) wrong = ValidateBlock(table, entry, level);
     });

@@ -284,20 +284,26 @@ class RandomRun {
     model_.Remove(range.start);
   }
 
+  // 17 for each slot, one word to spare; nothing for a level that does without.
+  uint64_t IndexBytes(uint32_t level) const {
+    const qv::BlockIndex& index = qv::IndexOf(qv::Own(*table_), level);
+    return index.slots == nullptr ? 0 : ChunkBytes((17u << (64 - index.slotShift)) + 8);
+  }
+
   void Check() {
     ASSERT_SOUND(qv::ValidateRangeTable(*table_));
     ASSERT_EQ(g_destroyed, expectedDestroyed_);
     uint64_t bytes = model_.Bytes(chains_), large = 0;
     const uint64_t levels = table_->maxLevel - 3;
-    bytes += ChunkBytes(40 + 16 * levels) + ChunkBytes(8 * levels);  // with two words for each filter
+    bytes += ChunkBytes(40 + 24 * levels) + ChunkBytes(8 * levels);  // with three words for each index
     for (uint32_t level = 4; level <= table_->maxLevel; level++) {
       const QV_HASH_TABLE* const hash = table_->levels[level - 4];
       ASSERT_EQ(hash != nullptr, model_.LevelIsUsed(level)) << level;
       if (hash == nullptr) continue;
       const uint64_t buckets = ChunkBytes(uint64_t(hash->bucketCount) * sizeof(QV_HASH_BUCKET));
       (buckets > 2046 * 16 ? large : bytes) += buckets;
-      const uint64_t filter = ChunkBytes(uint64_t(hash->bucketCount) * 2);
-      (filter > 2046 * 16 ? large : bytes) += filter;
+      const uint64_t index = IndexBytes(level);
+      (index > 2046 * 16 ? large : bytes) += index;
       bytes += ChunkBytes(sizeof(qv::HashTable));
     }
     ASSERT_EQ(BytesInUse(kCategory), bytes);
@@ -331,6 +337,24 @@ TEST(RangeTable, RandomRunsAgreeWithAModelAndAccountForEveryByte) {
     }
   }
   RandomRun(kTop, 0, uint64_t{1} << 40, uint64_t{1} << 20, 16, 5).Steps(30000);
+}
+
+// Levels that have more blocks than an index can name, and find them by their hash tables.
+TEST(RangeTable, LevelsTooLargeForAnIndexDoWithout) {
+  qvtest::InstallAccountingHost();
+  const uint64_t usual = std::exchange(qv::g_mostSlots, 64);
+  Table* const table = NewTable(4096);
+  for (uint64_t i = 0; i < 100; i++) __QvInsertRangeTableEntry(table, i * 64, i * 64 + 32, i + 1);
+  EXPECT_EQ(qv::IndexOf(qv::Own(*table), 4).slots, nullptr);
+  EXPECT_EQ(__QvLookupRangeTable(table, 99 * 64 + 31, nullptr, nullptr), 100u);
+  EXPECT_EQ(__QvLookupRangeTable(table, 99 * 64 + 32, nullptr, nullptr), 0u);
+  __QvScanAndEmptyRangeTable(table);
+  ASSERT_SOUND(qv::ValidateRangeTable(*table));
+  __QvDestroyRangeTable(table);
+  EXPECT_EQ(BytesInUse(kCategory), 0u);
+  RandomRun(kTop, 0, 0x7F0000001230, 0x3000, 16, 6).Steps(6000);
+  RandomRun(kTop, QV_RANGE_TABLE_UNSHARED_BLOCKS, 0x7F0000001220, 0x4000, 32, 6).Steps(6000);
+  qv::g_mostSlots = usual;
 }
 
 // ---- The documented layout and examples --------------------------------------------------------------
