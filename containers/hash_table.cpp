@@ -203,11 +203,12 @@ QV_INLINE void PrefetchLocks(const QV_HASH_TABLE& leaf, uint64_t key) {
   PrefetchForWrite(&bucket->lock);
   __builtin_prefetch(&bucket->head);
 }
-// The key and what follows it: where chunks of the allocator begin, the link lies on the line before.
+// Where chunks of the allocator begin, the link lies on one line, the key and the data on the next. By
+// number: the chain may be empty, and prefetching near 0 does no harm.
 QV_INLINE void PrefetchEntry(const QV_HASH_BUCKET& bucket) {
-  const QV_HASH_ENTRY* const entry = LoadRelaxed(bucket.head);
-  __builtin_prefetch(entry);
-  __builtin_prefetch(&entry->key);
+  const uintptr_t entry = reinterpret_cast<uintptr_t>(LoadRelaxed(bucket.head));
+  __builtin_prefetch(reinterpret_cast<const void*>(entry));
+  __builtin_prefetch(reinterpret_cast<const void*>(entry + offsetof(QV_HASH_ENTRY, key)));
 }
 
 void* LookupLocking(QV_HASH_TABLE& leaf, uint64_t key) {
