@@ -1,6 +1,7 @@
 // Memory of the stand-in host. Contract: host/qvhost.h.
 //
-//   region    | cell | cell | cell | ... not yet cut ... |   32 MiB, on a huge-page boundary
+//   region    | cell | cell | cell | ... not yet cut ... |   32 MiB (2 MiB in a process whose address space is
+//                                                            limited), on a huge-page boundary
 //   cell      | BlockHeader 16 | block: n * 16 KiB - 16 | gap 64 |
 //   mapping   | BlockHeader 16 | block ... | to the end of the page |
 //
@@ -17,6 +18,7 @@
 #include <errno.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 
 #include "host/parts.h"
 #include "host/qvhost.h"
@@ -123,9 +125,16 @@ void CutIntoSlabsLocked(char* place, uint64_t bytes) {
   for (; bytes >= kCell; place += kCell, bytes -= kCell) PushCellLocked(place, kSlabUnits);
 }
 
-// Where address space is limited a smaller region may still be had.
+// A process that may have only so much address space is to have it for itself.
+bool AddressSpaceIsLimited() {
+  struct rlimit limit;
+  return getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY;
+}
+
+// Where address space is short a smaller region may still be had.
 bool OpenRegionLocked(uint64_t neededBytes) {
-  for (uint64_t bytes = kRegionBytes; bytes >= kHugePageBytes && bytes >= neededBytes; bytes /= 2) {
+  const uint64_t wanted = AddressSpaceIsLimited() ? RoundUp(neededBytes, kHugePageBytes) : kRegionBytes;
+  for (uint64_t bytes = wanted; bytes >= kHugePageBytes && bytes >= neededBytes; bytes /= 2) {
     char* const region = MapAligned(bytes);
     if (region == nullptr) continue;
     CutIntoSlabsLocked(g_uncut, g_uncutBytes);

@@ -46,7 +46,8 @@ void QvHostInstall(void);
 
 /* The allocator's hooks. Blocks are aligned to 16 bytes; the contents are not cleared. Any thread may
  * call. errno is kept.
- *   up to 1 MiB   cut from regions of 32 MiB of address space; kept for reuse when freed, by size in
+ *   up to 1 MiB   cut from regions of 32 MiB of address space, or little more than is needed at the time where
+ *                 RLIMIT_AS limits it; kept for reuse when freed, by size in
  *                 steps of 16 KiB
  *   larger        a mapping of its own, cleared, given back to the system when freed. The first block of the
  *                 process may come from the region: it is the size-class table, and the slabs that
@@ -58,12 +59,12 @@ void QvHostInstall(void);
  * Where the system has none, it is the table's 5 MiB and then what is touched. Null is returned when
  * the system or the ceiling refuses. A null block is ignored; a block that is not ours, or was freed
  * already and is still kept, ends the process with a line on standard error. */
+void* QvHostAllocate(uint64_t sizeBytes);
+void QvHostFree(void* block);
+
 /* From now on nothing asks for huge pages: what is touched becomes resident, no more. For a tool in a program
  * to which some megabytes matter more than the speed of the tool's own tables. */
 void QvHostUseSmallPages(void);
-
-void* QvHostAllocate(uint64_t sizeBytes);
-void QvHostFree(void* block);
 
 /* A ceiling on the bytes given out and not yet taken back, so that a shortage can be provoked: an
  * allocation that would pass it fails. 0 removes it. */
