@@ -154,6 +154,7 @@ constinit thread_local bool t_signalsBlocked = false;
 
 void Settle(ThreadRecord& me) {
   const int64_t balance = BalanceOf(me.counts);
+  NotePeaks(me, balance);
   __atomic_fetch_add(&g_settledLive, balance - me.settled, __ATOMIC_RELAXED);
   me.settled = balance;
   if (QVHEAP_UNLIKELY(g_channelState == ChannelState::kDue)) OpenChannelIfDue();
@@ -243,6 +244,12 @@ void ForEachRunningLocked(void (*visit)(ThreadRecord&)) {
 }
 
 const Counts& FoldedCountsLocked() { return g_folded; }
+
+uint64_t PeakOf(const Counts& counts) {
+  const int64_t balance = BalanceOf(counts);
+  const uint64_t peak = Load(counts.peakBytes);
+  return balance > int64_t(peak) ? uint64_t(balance) : peak;
+}
 
 Totals SumLocked() {
   struct Sum {

@@ -64,8 +64,11 @@ struct ThreadRecord {
   int64_t settled;      // the part of the balance that is in g_settledLive
   int64_t mayOwe;       // how far the balance may be from it: kSettleBytes, 0 once the thread has ended
   int64_t processPeak;  // the highest total that this thread saw
-  int64_t untilLook = kNeverLook;  // bytes up to the next allocation that is looked at (sampling.h)
-  uint32_t looking;                // 1 while the thread is Looking
+  int64_t freeWay;      // bytes that may be allocated before the slow path is taken
+  int64_t freeWayBegun;  // what freeWay was when it was last set
+  int64_t untilLook =
+      kNeverLook;    // bytes from then to the next allocation that is looked at (sampling.h)
+  uint32_t looking;  // 1 while the thread is Looking
   uint32_t threadId;
   uint32_t ordinal;                  // of all threads, from 1: ids are used again
   uint32_t freeRecord, freeRecords;  // blocks.h: the first one's number, how many
@@ -177,31 +180,29 @@ QVHEAP_INLINE int64_t BalanceOf(const Counts& counts) {
 
 QVHEAP_COLD void Settle(ThreadRecord& me);
 
-QVHEAP_INLINE void SettleIfFar(ThreadRecord& me, int64_t unsettled) {
-  if (QVHEAP_UNLIKELY(uint64_t(unsettled + me.mayOwe) > 2 * uint64_t(me.mayOwe))) Settle(me);
+// What the thread holds and what the process holds, as far as it sees, are highest just before a release, so
+// that is where peaks are looked for; who reads a record looks once more (PeakOf).
+QVHEAP_INLINE void NotePeaks(ThreadRecord& me, int64_t balance) {
+  if (balance > int64_t(me.counts.peakBytes)) Store(me.counts.peakBytes, uint64_t(balance));
+  const int64_t total = Load(g_settledLive) + balance - me.settled;
+  if (total > me.processPeak) Store(me.processPeak, total);
 }
 
-QVHEAP_INLINE void CountAllocation(ThreadRecord& me, uint64_t bytes) {
+// True if something is to be done on the slow path: the thread may owe no more, or a look is due.
+QVHEAP_INLINE bool CountAllocation(ThreadRecord& me, uint64_t bytes) {
   Add(me.counts.figures[kAllocations], 1);
   Add(me.counts.figures[kBytesAllocated], bytes);
   Add(me.counts.sizes[BucketOf(bytes)], 1);
-  const int64_t balance = BalanceOf(me.counts);
-  if (balance > int64_t(me.counts.peakBytes)) Store(me.counts.peakBytes, uint64_t(balance));
-  const int64_t unsettled = balance - me.settled;
-  const int64_t total = Load(g_settledLive) + unsettled;
-  if (total > me.processPeak) Store(me.processPeak, total);
-  SettleIfFar(me, unsettled);
-}
-
-// Of a block that another count follows at once (realloc): the balance dips without anybody looking.
-QVHEAP_INLINE void CountReleaseOnly(ThreadRecord& me, uint64_t bytes) {
-  Add(me.counts.figures[kReleases], 1);
-  Add(me.counts.figures[kBytesReleased], bytes);
+  me.freeWay -= int64_t(bytes);
+  return QVHEAP_UNLIKELY(me.freeWay <= 0);
 }
 
 QVHEAP_INLINE void CountRelease(ThreadRecord& me, uint64_t bytes) {
-  CountReleaseOnly(me, bytes);
-  SettleIfFar(me, BalanceOf(me.counts) - me.settled);
+  const int64_t balance = BalanceOf(me.counts);
+  NotePeaks(me, balance);
+  Add(me.counts.figures[kReleases], 1);
+  Add(me.counts.figures[kBytesReleased], bytes);
+  if (QVHEAP_UNLIKELY(balance - int64_t(bytes) - me.settled < -me.mayOwe)) Settle(me);
 }
 
 // ---- For the collector's other files ---------------------------------------------------------------
@@ -222,6 +223,7 @@ struct Totals {
   uint64_t peakToleranceBytes;
 };
 Totals SumLocked();
+uint64_t PeakOf(const Counts& counts);  // of a thread's record
 // Calls visit for every thread that still has a record, ended ones first, in order.
 void VisitThreadsLocked(void (*visit)(const ThreadRecord& record, bool ended, void* context),
                         void* context);

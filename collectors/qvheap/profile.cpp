@@ -24,6 +24,7 @@ constinit uint64_t g_missed = 0;
 
 void StartCountdown(ThreadRecord& me) {
   me.random = SeedFor(g_seed, me.ordinal);
+  me.freeWay = me.freeWayBegun = 0;
   me.untilLook = !g_looks ? kNeverLook : g_exact ? 0 : DrawCountdown(me.random, g_intervalBytes);
 }
 
@@ -60,6 +61,11 @@ void LookExactly(ThreadRecord& me, const void* block, uint64_t bytes, void* call
   const Looking looking(me);
   TimePasses(me);
   Record(me, block, bytes, ExactWeight(bytes), caller);
+}
+
+void Look(ThreadRecord& me, const void* block, uint64_t bytes, void* caller) {
+  if (g_exact) return LookExactly(me, block, bytes, caller);
+  LookSampled(me, block, bytes, caller);
 }
 
 }  // namespace
@@ -99,9 +105,13 @@ void EndLooks(ThreadRecord& me) {
   GiveRecordsBack(me);
 }
 
-void Look(ThreadRecord& me, const void* block, uint64_t bytes, void* caller) {
-  if (g_exact) return LookExactly(me, block, bytes, caller);
-  LookSampled(me, block, bytes, caller);
+// Free way ends where either has to happen. Releases only lengthen it, so it may end a little early.
+void AllocatedSlow(ThreadRecord& me, const void* block, uint64_t bytes, void* caller) {
+  me.untilLook -= me.freeWayBegun - me.freeWay;
+  if (BalanceOf(me.counts) - me.settled > me.mayOwe) Settle(me);
+  if (me.untilLook <= 0) Look(me, block, bytes, caller);
+  const int64_t mayAllocate = me.mayOwe - (BalanceOf(me.counts) - me.settled) + 1;
+  me.freeWay = me.freeWayBegun = me.untilLook < mayAllocate ? me.untilLook : mayAllocate;
 }
 
 uint64_t ReleaseLookedAt(ThreadRecord& me, const void* block) {

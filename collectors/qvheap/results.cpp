@@ -68,11 +68,11 @@ void WriteSizes(QV_XML_FILE* file, const Counts& counts) {
   __QvXMLWriteClosingTag(file, "sizes");
 }
 
-void WriteCounts(QV_XML_FILE* file, const Counts& counts) {
+void WriteCounts(QV_XML_FILE* file, const Counts& counts, uint64_t peakBytes) {
   for (uint32_t i = 0; i < kFigures; i++) {
     __QvXMLWriteLongDecimalElement(file, kFigureNames[i], int64_t(Load(counts.figures[i])));
   }
-  __QvXMLWriteLongDecimalElement(file, "peakBytes", int64_t(Load(counts.peakBytes)));
+  __QvXMLWriteLongDecimalElement(file, "peakBytes", int64_t(peakBytes));
   WriteSizes(file, counts);
 }
 
@@ -81,7 +81,7 @@ void WriteProcess(QV_XML_FILE* file, const Totals& totals) {
   __QvXMLWriteLongDecimalElement(file, "liveBlocks", int64_t(LiveBlocks(totals.counts)));
   __QvXMLWriteLongDecimalElement(file, "liveBytes", BalanceOf(totals.counts));
   __QvXMLWriteLongDecimalElement(file, "peakToleranceBytes", int64_t(totals.peakToleranceBytes));
-  WriteCounts(file, totals.counts);
+  WriteCounts(file, totals.counts, totals.counts.peakBytes);
   __QvXMLWriteClosingTag(file, "process");
 }
 
@@ -92,7 +92,7 @@ void WriteThread(const ThreadRecord& record, bool ended, void* context) {
   __QvXMLWriteStringAttribute(file, "state", ended ? "ended" : "running");
   __QvXMLFinishWritingOpeningTag(file);
   __QvXMLWriteLongDecimalElement(file, "balanceBytes", BalanceOf(record.counts));
-  WriteCounts(file, record.counts);
+  WriteCounts(file, record.counts, PeakOf(record.counts));
   __QvXMLWriteClosingTag(file, "thread");
 }
 
@@ -100,7 +100,7 @@ void WriteOlderThreads(QV_XML_FILE* file, const Totals& totals) {
   __QvXMLStartWritingOpeningTag(file, "olderThreads");
   WriteAttribute(file, "count", totals.foldedThreads);
   __QvXMLFinishWritingOpeningTag(file);
-  WriteCounts(file, FoldedCountsLocked());
+  WriteCounts(file, FoldedCountsLocked(), FoldedCountsLocked().peakBytes);
   __QvXMLWriteClosingTag(file, "olderThreads");
 }
 

@@ -29,12 +29,12 @@ __attribute__((format(printf, 1, 2))) void Print(const char* format, ...) {
   if (length > 0) g_tableLength += uint32_t(length) < room ? uint32_t(length) : room - 1;
 }
 
-void PrintRow(const char* name, uint32_t id, const Counts& counts) {
+void PrintRow(const char* name, uint32_t id, const Counts& counts, uint64_t peakBytes) {
   char label[32];
   snprintf(label, sizeof label, id != 0 ? "%s %u" : "%s", name, id);
   Print("  %-16s %13lu %13lu %16lu %14ld %16lu\n", label, Load(counts.figures[kAllocations]),
         Load(counts.figures[kReleases]), Load(counts.figures[kBytesAllocated]), BalanceOf(counts),
-        Load(counts.peakBytes));
+        peakBytes);
 }
 
 struct Rows {
@@ -43,7 +43,7 @@ struct Rows {
 
 void PrintThread(const ThreadRecord& record, bool, void* context) {
   if (static_cast<Rows*>(context)->count++ < kThreadsInTable) {
-    PrintRow("thread", record.threadId, record.counts);
+    PrintRow("thread", record.threadId, record.counts, PeakOf(record.counts));
   }
 }
 
@@ -57,7 +57,7 @@ void MakeTableLocked(const Totals& totals, const char* path, bool written) {
   Print("qvheap: %s, process %d\n", BaseName(g_process.program), g_process.pid);
   Print("  %-16s %13s %13s %16s %14s %16s\n", "", "allocations", "releases", "bytes", "live bytes",
         "peak bytes");
-  PrintRow("process", 0, totals.counts);
+  PrintRow("process", 0, totals.counts, totals.counts.peakBytes);
   if (totals.threads > 1) {
     Rows rows = {};
     VisitThreadsLocked(PrintThread, &rows);

@@ -36,9 +36,7 @@ QVHEAP_INLINE void* Note(ThreadRecord& me, void* block, uint64_t bytes, void* ca
   if (QVHEAP_UNLIKELY(block == nullptr)) {
     Add(me.counts.figures[kFailedRequests], 1);
   } else if (QVHEAP_LIKELY(KeepSize(block, bytes))) {
-    CountAllocation(me, bytes);
-    me.untilLook -= int64_t(bytes);
-    if (QVHEAP_UNLIKELY(me.untilLook <= 0)) Look(me, block, bytes, caller);
+    if (CountAllocation(me, bytes)) AllocatedSlow(me, block, bytes, caller);
   } else {
     Add(me.counts.figures[kUnrecorded], 1);
   }
@@ -106,11 +104,11 @@ QVHEAP_COLD void* ReallocateInside(void* block, size_t bytes) {
 QVHEAP_INLINE void NoteReallocation(ThreadRecord& me, uint64_t former, void* moved, uint64_t bytes,
                                     void* caller) {
   if (QVHEAP_LIKELY(former != kUnknownSize)) {
-    CountReleaseOnly(me, former);
+    CountRelease(me, former);
   } else {
     Add(me.counts.figures[kUnknownReleases], 1);
   }
-  if (moved == nullptr || IsPaused()) return SettleIfFar(me, BalanceOf(me.counts) - me.settled);
+  if (moved == nullptr || IsPaused()) return;
   Add(me.counts.figures[kReallocations], 1);
   Note(me, moved, bytes, caller);
 }
