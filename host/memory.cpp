@@ -11,8 +11,8 @@
 // line.
 //
 // Invariants, under the host lock
-//  (1) A byte of a region is not yet cut, or in a cell that is given out, or in a cell on the free list of
-//      its size, or in a remainder too small for a slab.
+//  (1) A byte of a region is not yet cut, or in a cell that is given out, or in a cell on the free
+//      list of its size, or in a remainder too small for a slab.
 //  (2) The header of a cell that is given out says kGivenOut; of a free one, kFree.
 // The accounts and the ceiling are atomics outside the lock.
 #include <errno.h>

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "collectors/qvheap/channel.h"
+#include "collectors/qvheap/looking.h"
 #include "collectors/qvheap/profile.h"
 #include "collectors/qvheap/room.h"
 

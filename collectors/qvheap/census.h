@@ -24,15 +24,12 @@
 //      the collector itself has libc allocate is served by the arena and not counted.
 //  (3) The lists, the tables of sizes and every call into the library that logs or writes XML are under
 //      g_censusLock. A fork takes it.
-//  (4) Whoever else calls the library, or holds a lock of the collector's other than the census lock, is
-//      Looking. A fork waits until nobody is, so no thread is inside the library when a child comes into
-//      being.
+//  (4) Whoever else calls the library, or holds a lock of the collector's other than the census lock,
+//      is Looking. A fork waits until nobody is, so no thread is inside the library when a child comes
+//      into being.
 #pragma once
 
-#include <errno.h>
-#include <pthread.h>
-#include <signal.h>
-
+#include "collectors/qvheap/inside.h"
 #include "collectors/qvheap/sampling.h"
 #include "collectors/qvheap/sizes.h"
 #include "collectors/qvheap/words.h"
@@ -83,85 +80,6 @@ inline constexpr int64_t kSettleBytes = 8192;
 
 extern int64_t g_settledLive;
 extern QV_SPIN_LOCK g_censusLock;
-extern constinit thread_local ThreadRecord* t_counting;
-extern constinit thread_local ThreadRecord* t_record;
-extern constinit thread_local bool t_inside;
-extern constinit thread_local bool t_signalsBlocked;  // by us
-
-// No signal handler of the program runs on the thread: one that calls exit must not find locks taken
-// that the report needs, or the library in the middle of something. Two system calls, but for those inside
-// another.
-class SignalsBlocked : NonCopyable {
- public:
-  SignalsBlocked() : nested_(t_signalsBlocked) {
-    if (nested_) return;
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &former_);
-    t_signalsBlocked = true;
-  }
-  ~SignalsBlocked() {
-    if (nested_) return;
-    t_signalsBlocked = false;
-    pthread_sigmask(SIG_SETMASK, &former_, nullptr);
-  }
-
- private:
-  const bool nested_;
-  sigset_t former_;
-};
-
-// While it lives, the calling thread is inside the collector (2), without signals. errno is the program's.
-class Inside : NonCopyable {
- public:
-  Inside() : nested_(t_inside), errno_(errno) {
-    t_inside = true;
-    t_counting = nullptr;
-  }
-  ~Inside() {
-    errno = errno_;
-    if (nested_) return;
-    t_inside = false;
-    t_counting = t_record;
-  }
-
- private:
-  const SignalsBlocked signals_;
-  const bool nested_;
-  const int errno_;
-};
-
-// While it lives, the calling thread is inside the collector (2) to look at a block (4). Signals are not
-// blocked: that would cost more than the look. So a handler may come at any time, find the thread inside
-// (what it allocates comes from the arena), and never return; what it may then need, the report, must
-// not wait for anything that a thread holds while it looks and lets signals through. Those are the locks of
-// sites alone, and they are recursive. Whatever else is done meanwhile blocks signals.
-extern uint32_t g_forking;
-QVHEAP_COLD void WaitForForkSlow(ThreadRecord& me);
-class Looking : NonCopyable {
- public:
-  explicit Looking(ThreadRecord& me)
-      : me_(me), nested_(t_inside), wasLooking_(Load(me.looking)), errno_(errno) {
-    t_inside = true;
-    t_counting = nullptr;
-    // A full barrier: either the thread that forks sees us, or we see it.
-    __atomic_exchange_n(&me.looking, 1, __ATOMIC_SEQ_CST);
-    if (QVHEAP_UNLIKELY(Load(g_forking) != 0) && wasLooking_ == 0) WaitForForkSlow(me);
-  }
-  ~Looking() {
-    __atomic_store_n(&me_.looking, wasLooking_, __ATOMIC_RELEASE);
-    errno = errno_;
-    if (nested_) return;
-    t_inside = false;
-    t_counting = t_record;
-  }
-
- private:
-  ThreadRecord& me_;
-  const bool nested_;
-  const uint32_t wasLooking_;
-  const int errno_;
-};
 
 // The record of a thread that has none in t_counting: null if the thread is inside the collector. The
 // first call in the process sets the collector up.
@@ -180,8 +98,8 @@ QVHEAP_INLINE int64_t BalanceOf(const Counts& counts) {
 
 QVHEAP_COLD void Settle(ThreadRecord& me);
 
-// What the thread holds and what the process holds, as far as it sees, are highest just before a release, so
-// that is where peaks are looked for; who reads a record looks once more (PeakOf).
+// What the thread holds and what the process holds, as far as it sees, are highest just before a
+// release, so that is where peaks are looked for; who reads a record looks once more (PeakOf).
 QVHEAP_INLINE void NotePeaks(ThreadRecord& me, int64_t balance) {
   if (balance > int64_t(me.counts.peakBytes)) Store(me.counts.peakBytes, uint64_t(balance));
   const int64_t total = Load(g_settledLive) + balance - me.settled;
@@ -211,8 +129,8 @@ void InstallCensus();            // the key by which the end of a thread is lear
 ThreadRecord* RegisterThread();  // never null
 void RestartCensusLocked();      // in a child process: the calling thread alone, all figures 0
 
-// Before a fork. False if somebody went on Looking for so long that it may be waiting for what the forking
-// thread's fork keeps from it; the child must then leave alone what lookers use.
+// Before a fork. False if somebody went on Looking for so long that it may be waiting for what the
+// forking thread's fork keeps from it; the child must then leave alone what lookers use.
 bool StopLookersLocked();
 void LetLookersGo();
 

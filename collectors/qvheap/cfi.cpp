@@ -226,8 +226,8 @@ class Machine {
     }
   }
 
-  // rbp + n, where a function that aligns its stack keeps the CFA: breg6 n, deref. And a linkage stub's:
-  // rsp + 8 + (rip & 15 >= n) * 8.
+  // rbp + n, where a function that aligns its stack keeps the CFA: breg6 n, deref. And a linkage
+  // stub's: rsp + 8 + (rip & 15 >= n) * 8.
   void SetCfaExpression(Bytes at, Bytes end) {
     static constexpr unsigned char kStub[] = {0x77, 0x08, 0x80, 0x00, 0x3F, 0x1A};
     state_.kind = kRuleEnd;

@@ -71,8 +71,8 @@ void NameFilesLocked() {
   snprintf(g_lockFile, sizeof g_lockFile, "%s/obkcmds.dat", g_folder);
 }
 
-// Whether the semaphore's key, which comes of the file's inode modulo 65536, is nobody's yet. A set that
-// two processes shared would be taken away from the second when the first ends.
+// Whether the semaphore's key, which comes of the file's inode modulo 65536, is nobody's yet. A set
+// that two processes shared would be taken away from the second when the first ends.
 bool KeyIsFree() {
   const key_t key = ftok(g_lockFile, 0);
   return key != 0 && key != key_t{-1} && semget(key, 1, 0) == -1 && errno == ENOENT;
@@ -83,8 +83,8 @@ const char* AsidePathLocked(uint32_t number) {
   return g_aside;
 }
 
-// A lock file with a free key; false if there is none to be had. Files whose key is taken are kept until
-// then, so that each gets another inode.
+// A lock file with a free key; false if there is none to be had. Files whose key is taken are kept
+// until then, so that each gets another inode.
 bool MakeLockFileLocked() {
   constexpr uint32_t kTries = 16;
   uint32_t tried = 0;

@@ -2,10 +2,10 @@
 //
 // A lifetime of a millisecond is told from a longer one, so the coarse clocks (a tick of 1 to 10 ms) do
 // not do; and exact counting reads the clock twice for each block, where the monotonic clock costs
-// nearly three times the processor's counter (29 and 12 ns on the machine this was written on). So it is the counter,
-// where it runs at one rate everywhere (else the monotonic clock), shifted right by 15: about 10
-// microseconds. How many units a millisecond has is measured between the start and the first release
-// that asks, never by waiting longer than a fifth of a millisecond.
+// nearly three times the processor's counter (29 and 12 ns on the machine this was written on). So it
+// is the counter, where it runs at one rate everywhere (else the monotonic clock), shifted right by
+// 15: about 10 microseconds. How many units a millisecond has is measured between the start and the
+// first release that asks, never by waiting longer than a fifth of a millisecond.
 //
 // The number wraps after about half a day. A block that lives on for just a whole number of wraps is
 // then put in too short a class; that is one long-lived block in some tens of thousands.

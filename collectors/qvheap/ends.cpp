@@ -1,5 +1,5 @@
-// Ends of a process that no exit handler hears of: _exit and its kin, exec, daemon. They come here first,
-// so that the command channel leaves nothing behind in the system.
+// Ends of a process that no exit handler hears of: _exit and its kin, exec, daemon. They come here
+// first, so that the command channel leaves nothing behind in the system.
 //
 // All of this may run in a signal handler and in the child of a vfork. The latter shares the memory of
 // its parent, whose channel it must not touch: it has another process id. An exec that fails leaves the

@@ -1,12 +1,12 @@
 // The allocator underneath, and the arena for what libc allocates on the collector's own behalf.
 //
-// The real functions (those that have nothing to do with memory: table.h, log.h, ends.cpp) are the next ones in the loader's
-// search order: libc's, or those of another allocator that the program brings. Finding them may itself
-// allocate, and so may the collector's calls into libc (streams for its files, exit handlers). Such
-// memory comes from a fixed arena: it is not the program's and must not be counted, and a report must
-// be possible even when the program called exit in a signal handler that interrupted malloc. Blocks of
-// the arena are known by their address; some outlive us (libc keeps its exit handlers), so every free
-// and realloc of an unknown address looks.
+// The real functions (those that have nothing to do with memory: table.h, log.h, ends.cpp) are the
+// next ones in the loader's search order: libc's, or those of another allocator that the program
+// brings. Finding them may itself allocate, and so may the collector's calls into libc (streams for
+// its files, exit handlers). Such memory comes from a fixed arena: it is not the program's and must
+// not be counted, and a report must be possible even when the program called exit in a signal handler
+// that interrupted malloc. Blocks of the arena are known by their address; some outlive us (libc keeps
+// its exit handlers), so every free and realloc of an unknown address looks.
 #pragma once
 
 #include <stdio.h>

@@ -1,5 +1,6 @@
 // Looking at blocks. Design: collectors/qvheap/profile.h.
 #include "collectors/qvheap/profile.h"
+#include "collectors/qvheap/looking.h"
 
 #include <stdlib.h>
 

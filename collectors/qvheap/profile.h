@@ -1,11 +1,11 @@
-// Looking at blocks: what happens to the allocations that sampling picks (all of them in exact mode), and to
-// their releases. The wrappers count, then ask here.
+// Looking at blocks: what happens to the allocations that sampling picks (all of them in exact mode),
+// and to their releases. The wrappers count, then ask here.
 //
 //   allocation   stack -> site -> the block's sight is kept -> figures of the site, tally of the thread
 //   release      sight -> figures of the site
 //
-// Before a process has read its options nothing is looked at, nor in a child for whose sake a fork could not wait for
-// a looking thread.
+// Before a process has read its options nothing is looked at, nor in a child for whose sake a fork
+// could not wait for a looking thread.
 #pragma once
 
 #include "collectors/qvheap/census.h"
@@ -20,11 +20,12 @@ void RestartProfileLocked(bool whole);  // in a child process, before the census
 void BeginLooks(ThreadRecord& me);
 void EndLooks(ThreadRecord& me);
 
-// The thread's free way has ended in this block, which was counted: settles what it owes, looks if it is
-// time, and gives it new way. `caller` is the wrapper's return address. (Exact mode has no free way.)
+// The thread's free way has ended in this block, which was counted: settles what it owes, looks if it
+// is time, and gives it new way. `caller` is the wrapper's return address. (Exact mode has no free
+// way.)
 QVHEAP_COLD void AllocatedSlow(ThreadRecord& me, const void* block, uint64_t bytes, void* caller);
-// Takes a block that was looked at out of everything but the thread's counts, which are the caller's; its
-// size. Before the block goes back to the allocator.
+// Takes a block that was looked at out of everything but the thread's counts, which are the caller's;
+// its size. Before the block goes back to the allocator.
 uint64_t ReleaseLookedAt(ThreadRecord& me, const void* block);
 // A realloc may fail, and then the block is what it was.
 struct Sight;

@@ -1,5 +1,5 @@
-// Writing may raise signals (a closed pipe, a full quota). They are blocked while a thread is inside the
-// collector; what the collector itself raised is taken away before they are not.
+// Writing may raise signals (a closed pipe, a full quota). They are blocked while a thread is inside
+// the collector; what the collector itself raised is taken away before they are not.
 #pragma once
 
 #include <signal.h>

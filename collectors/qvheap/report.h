@@ -1,5 +1,5 @@
-// What the collector writes: the results of a process that ends or of one that goes on (a snapshot), the
-// outcome in the log, and at the end the table.
+// What the collector writes: the results of a process that ends or of one that goes on (a snapshot),
+// the outcome in the log, and at the end the table.
 #pragma once
 
 #include "collectors/qvheap/census.h"

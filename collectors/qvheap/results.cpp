@@ -26,8 +26,8 @@ constexpr uint32_t kSlabsForFile = 3;  // its record is larger than a slab, its 
 constinit char g_text[kTextBytes] = {};
 constinit char g_partPath[PATH_MAX + 64] = {};
 
-// The bytes of the character that begins here; 0 if none does that XML takes. Overlong forms and surrogates
-// are looked for by the bounds of the second byte.
+// The bytes of the character that begins here; 0 if none does that XML takes. Overlong forms and
+// surrogates are looked for by the bounds of the second byte.
 uint32_t CharacterBytes(const unsigned char* text) {
   const unsigned char first = text[0];
   if (first < 0x80) return first >= 0x20 || first == '\t' || first == '\n' ? 1 : 0;

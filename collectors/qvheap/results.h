@@ -5,8 +5,9 @@
 
 namespace qvheap {
 
-// Written beside the path as `.part`, then renamed: who finds the file finds all of it. False, with errno set
-// and nothing left behind, if that could not be done. Number 0: at the end; else a snapshot's.
+// Written beside the path as `.part`, then renamed: who finds the file finds all of it. False, with
+// errno set and nothing left behind, if that could not be done. Number 0: at the end; else a
+// snapshot's.
 bool WriteResultsFileLocked(const Totals& totals, const char* path, uint32_t number);
 
 }  // namespace qvheap

@@ -56,8 +56,8 @@ void WriteRegion(QV_XML_FILE* file, const Region& region) {
 
 // ---- Sites -----------------------------------------------------------------------------------------
 
-// Threads by ordinal, for the time of the report. Without memory it is null or lacks some, whose tallies are
-// not written.
+// Threads by ordinal, for the time of the report. Without memory it is null or lacks some, whose
+// tallies are not written.
 QV_HASH_TABLE* MakeThreadTableLocked() {
   const Provision provision(kSlabsForEntry);
   if (!provision.Granted()) return nullptr;

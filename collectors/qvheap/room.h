@@ -2,8 +2,8 @@
 //
 // The library ends the process when its allocate hook cannot give, which no observer may do to the
 // program. So whoever is about to allocate, or to have a container allocate, provides for it first: a
-// Provision takes as many slabs from the host as the operation could ask the library's hook for, and the
-// hook takes from what the calling thread has provided before it asks the host. An operation whose
+// Provision takes as many slabs from the host as the operation could ask the library's hook for, and
+// the hook takes from what the calling thread has provided before it asks the host. An operation whose
 // provision could not be had is not begun. What was not needed goes back.
 //
 //   Provision -> blocks of the host, on the thread --- hook ---> library ---> chunk
@@ -32,8 +32,8 @@ void InstallRoom();  // instead of the host's own hooks; before QvHostInstall
 // The library's number for the category.
 uint32_t LibraryCategory(Category category);
 
-// For `slabs` slabs, at most kMostSlabs, one of which is a block of largestBytes if that is more than a slab.
-// Provisions of one thread do not nest.
+// For `slabs` slabs, at most kMostSlabs, one of which is a block of largestBytes if that is more than
+// a slab. Provisions of one thread do not nest.
 class Provision : NonCopyable {
  public:
   static constexpr uint32_t kMostSlabs = 4;
@@ -45,11 +45,12 @@ class Provision : NonCopyable {
   bool granted_ = true;
 };
 
-// Null if there is no memory. It provides for itself. Above a mebibyte it is cleared, as the host's contract has it.
+// Null if there is no memory. It provides for itself. Above a mebibyte it is cleared, as the host's
+// contract has it.
 void* Allocate(Category category, uint64_t bytes);
 
-// What one leaf of a hash table needs at most to grow: it doubles as it fills, and the leaves of a table whose
-// hash is good fill about evenly.
+// What one leaf of a hash table needs at most to grow: it doubles as it fills, and the leaves of a
+// table whose hash is good fill about evenly.
 uint64_t LeafGrowthBytes(uint64_t entries, uint32_t leaves);
 
 // Bytes that the library's figures do not have: blocks that are larger than a chunk.

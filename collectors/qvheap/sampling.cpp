@@ -1,5 +1,5 @@
-// Sampling: draws and weights. Design: collectors/qvheap/sampling.h. All of it is on slow paths, and its own
-// exponential and logarithm spare every program the mathematics library.
+// Sampling: draws and weights. Design: collectors/qvheap/sampling.h. All of it is on slow paths, and
+// its own exponential and logarithm spare every program the mathematics library.
 #include "collectors/qvheap/sampling.h"
 
 #include <string.h>
@@ -46,7 +46,8 @@ double OneLessExp(double x) {
   return sum;
 }
 
-// Natural logarithm of a positive normal number: the exponent, and 2 artanh((m - 1) / (m + 1)) of the rest.
+// Natural logarithm of a positive normal number: the exponent, and 2 artanh((m - 1) / (m + 1)) of the
+// rest.
 double Logarithm(double value) {
   uint64_t bits;
   memcpy(&bits, &value, sizeof bits);

@@ -3,18 +3,18 @@
 //   stack --- hash table of two levels, custom keys ---> Site         the way of an allocation
 //   number --- array of chunks ------------------------> Site         the way of a release
 //
-// Site records are never freed nor moved: a live block names its site by number. What belongs to a site may
-// go, though: a shortage of memory folds the smallest sites into one, which is number 1 and has no
-// stack. Their figures go to it, their stacks, table entries and sets are freed, and their records say
-// only that they were folded.
+// Site records are never freed nor moved: a live block names its site by number. What belongs to a
+// site may go, though: a shortage of memory folds the smallest sites into one, which is number 1 and
+// has no stack. Their figures go to it, their stacks, table entries and sets are freed, and their
+// records say only that they were folded.
 //
 // The share of a site in the process's peak is kept without touching all sites at each new peak: every
-// new peak has a number. A site that changes looks whether there was one since it last changed; if so, what
-// was live up to now was live then (it had not changed). Who reads a site looks in the same way.
+// new peak has a number. A site that changes looks whether there was one since it last changed; if so,
+// what was live up to now was live then (it had not changed). Who reads a site looks in the same way.
 //
 // Invariants
-//  (1) The figures of a site are under its lock, a recursive one; nothing is called under it. Threads that
-//      allocate at different sites meet nowhere but for reading in the table.
+//  (1) The figures of a site are under its lock, a recursive one; nothing is called under it. Threads
+//      that allocate at different sites meet nowhere but for reading in the table.
 //  (2) New sites, folding, chunks and counts of sites are under g_sitesLock, with signals blocked.
 //  (3) A site's stack and table entry go together, while (2) is held; a lookup holds the lock of the
 //      bucket, which the removal of the entry waits for.
@@ -49,8 +49,8 @@ struct Site {
   QV_SET threads;  // ordinals of those that allocated here
 };
 
-// Looks the stack up; makes the site if there is none, in the present epoch. Null if there is no memory. The
-// caller is Looking.
+// Looks the stack up; makes the site if there is none, in the present epoch. Null if there is no
+// memory. The caller is Looking.
 Site* FindOrMakeSite(Stack& stack);
 Site& SiteOf(uint32_t number);
 

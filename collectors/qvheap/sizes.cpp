@@ -9,8 +9,8 @@
 namespace qvheap {
 namespace {
 
-// All tables of a kind: those in use, the stale ones of the parent process, and cleared ones that were never used.
-// Under the census lock.
+// All tables of a kind: those in use, the stale ones of the parent process, and cleared ones that were
+// never used. Under the census lock.
 template <class Table>
 struct Tables {
   Table* inUse;

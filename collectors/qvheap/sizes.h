@@ -20,9 +20,9 @@
 //  (1) The codes of a block belong to the thread that owns the block: they are written after the
 //  allocator
 //      gave it out and cleared before the allocator takes it back. Hence no lock and no atomics there.
-//  (2) Tables are made under the census lock and published with release order; they are never freed. Leaves
-//      are cut from blocks of eight that the host maps for themselves, cleared: what no block needs of
-//      them is never touched.
+//  (2) Tables are made under the census lock and published with release order; they are never freed.
+//      Leaves are cut from blocks of eight that the host maps for themselves, cleared: what no block
+//      needs of them is never touched.
 //  (3) In a child process nothing is known: all tables are stale and are cleared when they are used
 //  again.
 #pragma once

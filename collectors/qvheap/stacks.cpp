@@ -48,7 +48,7 @@ void CaptureStack(Stack& stack, uint32_t epoch, void* caller) {
 }  // namespace qvheap
 
 // The program's own calls go where they would go.
-__attribute__((visibility("default"))) int backtrace(void** frames, int count) noexcept {
+__attribute__((visibility("default"))) int backtrace(void** frames, int count) {
   using namespace qvheap;
   if (QVHEAP_LIKELY(t_inside)) {
     return Unwind(frames, count, static_cast<uint64_t*>(__builtin_frame_address(0)));

@@ -1,7 +1,8 @@
 // The call stack of an allocation, captured by the library.
 //
-// The library's capture calls `backtrace` by name. That name is exported here, and the collector comes first in the search
-// order: for the collector it is the collector's own unwinder (unwind.h), for the program libc's.
+// The library's capture calls `backtrace` by name. That name is exported here, and the collector comes
+// first in the search order: for the collector it is the collector's own unwinder (unwind.h), for the
+// program libc's.
 //
 //   stack:  | capture | collector ... | wrapper's caller | ... program ... |
 //                                       '- first frame that is kept
@@ -22,8 +23,8 @@ struct Stack {
 };
 
 void SetEpoch(Stack& stack, uint32_t epoch);
-// From `caller` on, which is the return address of the wrapper. If the unwinder does not get so far, caller
-// alone. The caller is Looking.
+// From `caller` on, which is the return address of the wrapper. If the unwinder does not get so far,
+// caller alone. The caller is Looking.
 void CaptureStack(Stack& stack, uint32_t epoch, void* caller);
 
 }  // namespace qvheap

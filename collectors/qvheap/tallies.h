@@ -3,7 +3,8 @@
 //   element   2 n      weight of the blocks that the thread allocated at site n
 //             2 n + 1  weight of their bytes
 //
-// Sites from 65,536 on are beyond a vector and have no tallies; that a thread used them, their sets know.
+// Sites from 65,536 on are beyond a vector and have no tallies; that a thread used them, their sets
+// know.
 #pragma once
 
 #include "collectors/qvheap/sites.h"

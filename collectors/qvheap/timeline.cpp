@@ -29,8 +29,8 @@ void StartTimeline() {
   g_step = kBytesBetweenAsks;
 }
 
-// Looking, nobody may wait for the census lock, which a fork holds while it waits for lookers. So another
-// one who holds it (a report, say) costs a point, no more: the next ask comes soon.
+// Looking, nobody may wait for the census lock, which a fork holds while it waits for lookers. So
+// another one who holds it (a report, say) costs a point, no more: the next ask comes soon.
 void AddBytesSlow(ThreadRecord& me) {
   const uint64_t allocated = Load(me.counts.figures[kBytesAllocated]);
   const uint64_t fresh = allocated - me.bytesAtPoint;

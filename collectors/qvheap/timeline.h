@@ -1,8 +1,9 @@
 // The process's course in at most some hundreds of points, by bytes allocated.
 //
-// Threads ask on their slow paths, each after 64 KiB of its own or more. Whoever finds that the process has passed the
-// next mark adds a point. When the points are full, every second one goes and the marks are twice as far
-// apart: so they spread evenly over a run of any length, and a short one has them close.
+// Threads ask on their slow paths, each after 64 KiB of its own or more. Whoever finds that the
+// process has passed the next mark adds a point. When the points are full, every second one goes and
+// the marks are twice as far apart: so they spread evenly over a run of any length, and a short one
+// has them close.
 #pragma once
 
 #include "collectors/qvheap/census.h"

@@ -1,21 +1,22 @@
 // The collector's own unwinder: return addresses of the calling thread, some four nanoseconds each.
 //
-// Why not one that exists. libc's `backtrace` takes 180 nanoseconds for a frame. libunwind's takes 8, but it
-// keeps a pipe open, on numbers that the program would have got, and goes on writing to and reading from
-// those numbers after the program has closed them and put files of its own there; a child process can find its locks and the
-// loader's held by threads that it does not have; every thread costs it 256 KiB; and what it defines
-// would take the place of the unwinder that throws the program's exceptions. All of that comes from being
-// able to do more than is needed here.
+// Why not one that exists. libc's `backtrace` takes 180 nanoseconds for a frame. libunwind's takes 8,
+// but it keeps a pipe open, on numbers that the program would have got, and goes on writing to and
+// reading from those numbers after the program has closed them and put files of its own there; a child
+// process can find its locks and the loader's held by threads that it does not have; every thread
+// costs it 256 KiB; and what it defines would take the place of the unwinder that throws the program's
+// exceptions. All of that comes from being able to do more than is needed here.
 //
-// What is needed is the way from frame to frame. For nearly all code that is one of a few rules, which follow from an
-// address alone: where the caller's frame begins (the CFA), and where its rbp was saved; its return
-// address is just below the CFA. The unwind tables of the image (cfi.h) give the rule, and a table shared by all threads
-// keeps it.
+// What is needed is the way from frame to frame. For nearly all code that is one of a few rules, which
+// follow from an address alone: where the caller's frame begins (the CFA), and where its rbp was
+// saved; its return address is just below the CFA. The unwind tables of the image (cfi.h) give the
+// rule, and a table shared by all threads keeps it.
 //
 //   cache entry:  | check = pc ^ rule ^ epoch's pattern | rule |     16 bytes
 //
-// No lock and no order: a reader takes an entry only if both words fit together, so it never uses one half of
-// another thread's. An image that is unloaded starts an epoch (modules.h), and no entry from before fits.
+// No lock and no order: a reader takes an entry only if both words fit together, so it never uses one
+// half of another thread's. An image that is unloaded starts an epoch (modules.h), and no entry from
+// before fits.
 //
 // A stack ends at a frame that no rule describes, one kept by another register than rsp and rbp.
 #pragma once

@@ -55,8 +55,8 @@ void DetachArea() {
   handler.lockFileDescriptor = handler.sharedMemoryId = handler.semaphoreId = -1;
 }
 
-// An empty table of descriptors, of this thread alone. Descriptors 0 to 2 are occupied once and for all:
-// the library avoids them.
+// An empty table of descriptors, of this thread alone. Descriptors 0 to 2 are occupied once and for
+// all: the library avoids them.
 bool LeaveDescriptors() {
   if (close_range(0, ~0u, CLOSE_RANGE_UNSHARE) != 0) return false;
   for (int i = 0; i <= STDERR_FILENO; i++) {

@@ -10,10 +10,10 @@
 // when the program changes its user id and libc tells every thread. The library's worker then ends by
 // contract, so here it begins again as long as the channel is open.
 //
-// It has a table of descriptors of its own (close_range with CLOSE_RANGE_UNSHARE), in which the lock file
-// stays open and in which snapshots, log and series are opened. So the program can neither meet our
-// descriptors nor close them or put a file of its own in their place, while we write least of all; and
-// its children inherit none.
+// It has a table of descriptors of its own (close_range with CLOSE_RANGE_UNSHARE), in which the lock
+// file stays open and in which snapshots, log and series are opened. So the program can neither meet
+// our descriptors nor close them or put a file of its own in their place, while we write least of all;
+// and its children inherit none.
 #pragma once
 
 namespace qvheap {

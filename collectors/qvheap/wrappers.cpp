@@ -27,7 +27,8 @@ QVHEAP_INLINE ThreadRecord* Enter() {
   return QVHEAP_LIKELY(me != nullptr) ? me : EnterSlow();
 }
 
-// Where the program called the exported function that this is inlined into: the innermost frame of its stack.
+// Where the program called the exported function that this is inlined into: the innermost frame of its
+// stack.
 #define QVHEAP_CALLER __builtin_return_address(0)
 
 // The outcome of a request: counted if it was granted, and perhaps looked at.
@@ -113,8 +114,8 @@ QVHEAP_INLINE void NoteReallocation(ThreadRecord& me, uint64_t former, void* mov
   Note(me, moved, bytes, caller);
 }
 
-// For the sites too, a realloc is a release of the old block and an allocation of the new one; but it may
-// fail, and then it is neither.
+// For the sites too, a realloc is a release of the old block and an allocation of the new one; but it
+// may fail, and then it is neither.
 QVHEAP_COLD void* ReallocateLookedAt(ThreadRecord& me, void* block, size_t bytes, void* caller) {
   const Sight sight = TakeForReallocation(me, block);
   void* const moved = g_real.realloc(block, bytes);

@@ -1,5 +1,5 @@
-// A results file as tests look at it. Contract: tests/qvheap/results.h. The collector writes each element on a
-// line of its own, which is all that this reader relies on.
+// A results file as tests look at it. Contract: tests/qvheap/results.h. The collector writes each
+// element on a line of its own, which is all that this reader relies on.
 #include "tests/qvheap/results.h"
 
 #include <gtest/gtest.h>

@@ -35,18 +35,19 @@ static Block g_blocks[kBlocks];
 static uint64_t g_live, g_peak, g_random;
 static volatile int g_count; /* keeps calls from becoming jumps */
 
-#define SITE(n)                                                           \
-  __attribute__((noinline, noclone)) static void* Site##n(size_t bytes) { \
-    void* const block = malloc(bytes);                                    \
-    g_count += n;                                                         \
-    return block;                                                         \
+#define SITE(n)                                                  \
+  __attribute__((noinline)) static void* Site##n(size_t bytes) { \
+    void* const block = malloc(bytes);                           \
+    g_count += n;                                                \
+    return block;                                                \
   }
 SITE(0)
-SITE(1) SITE(2) SITE(3) SITE(4) SITE(5) SITE(6) SITE(7) SITE(8)
+SITE(1)
+SITE(2) SITE(3) SITE(4) SITE(5) SITE(6) SITE(7) SITE(8)
     SITE(9) static void* (*const kSite[kSites])(size_t) = {Site0, Site1, Site2, Site3, Site4,
                                                            Site5, Site6, Site7, Site8, Site9};
 
-__attribute__((noinline, noclone)) static void* Resize(void* block, size_t bytes) {
+__attribute__((noinline)) static void* Resize(void* block, size_t bytes) {
   void* const moved = realloc(block, bytes);
   g_count++;
   return moved;
@@ -227,14 +228,14 @@ static void WriteStack(void* const* frames, int count) {
   close(file);
 }
 
-__attribute__((noinline, noclone)) static void Leaf(void) {
+__attribute__((noinline)) static void Leaf(void) {
   void* frames[18];
   free(malloc(50));
   WriteStack(frames, backtrace(frames, 18));
   g_count++;
 }
 
-__attribute__((noinline, noclone)) static void Recursive(int depth) {
+__attribute__((noinline)) static void Recursive(int depth) {
   if (depth == 0) {
     Leaf();
   } else {
@@ -243,14 +244,14 @@ __attribute__((noinline, noclone)) static void Recursive(int depth) {
   g_count++;
 }
 
-__attribute__((noinline, noclone)) static void WithVariableFrame(size_t bytes) {
+__attribute__((noinline)) static void WithVariableFrame(size_t bytes) {
   volatile char* const room = __builtin_alloca(bytes);
   room[0] = 1;
   Recursive(2);
   g_count += room[0];
 }
 
-__attribute__((noinline, noclone)) static void WithAlignedFrame(void) {
+__attribute__((noinline)) static void WithAlignedFrame(void) {
   volatile char room[64] __attribute__((aligned(64)));
   room[0] = 1;
   WithVariableFrame(100);
@@ -287,6 +288,19 @@ static void RunStacks(void) {
   pthread_join(thread, NULL);
 }
 
+/* ---- A site for each way down a tree of calls */
+
+__attribute__((noinline)) static void Branch(int depth) {
+  if (depth == 0) {
+    free(malloc(40));
+  } else {
+    Branch(depth - 1);
+    g_count++;
+    Branch(depth - 1);
+  }
+  g_count++;
+}
+
 int main(int count, char** arguments) {
   const char* const mode = count > 1 ? arguments[1] : "none";
   if (strcmp(mode, "known") == 0) RunKnown(strtoul(arguments[2], NULL, 10));
@@ -294,6 +308,7 @@ int main(int count, char** arguments) {
   if (strcmp(mode, "lifetimes") == 0) RunLifetimes();
   if (strcmp(mode, "threads") == 0) RunThreads();
   if (strcmp(mode, "stacks") == 0) RunStacks();
+  if (strcmp(mode, "branches") == 0) Branch(16);
   for (int i = 2; strcmp(mode, "images") == 0 && i < count; i++) UseImage(arguments[i]);
   WriteLog();
   return 0;

@@ -52,7 +52,8 @@ std::vector<Place> ReadLog(const ChildResult& child) {
   return places;
 }
 
-// The sites whose innermost frame lies in the function at this place; functions are next to one another.
+// The sites whose innermost frame lies in the function at this place; functions are next to one
+// another.
 std::vector<const ResultsSite*> SitesAt(const Results& results, const std::vector<Place>& places,
                                         const Place& place) {
   uint64_t end = place.address + 200;
@@ -116,7 +117,8 @@ TEST(QvheapSites, AreWrittenByWhatTheyHeldAtThePeakLargestFirst) {
   EXPECT_EQ(results.folded, 0u);
 }
 
-// Who has slept so long has surely lived so long; what is released at once may be held up, but not mostly.
+// Who has slept so long has surely lived so long; what is released at once may be held up, but not
+// mostly.
 TEST(QvheapSites, LifetimesAreInTheirClasses) {
   const ChildResult child = RunSites("-exact", "lifetimes");
   const Results results = ResultsOf(child);
@@ -209,8 +211,9 @@ TEST(QvheapSites, AStackIsOfTheImagesOfItsEpoch) {
 
 // ---- Sampled mode ----------------------------------------------------------------------------------
 
-// A block of s bytes is looked at with probability p = 1 - exp(-s / interval), and counts 1 / p. Of n blocks the
-// estimate has the variance n (1 / p - 1), in units of blocks. Seeds are fixed, so the outcome is too.
+// A block of s bytes is looked at with probability p = 1 - exp(-s / interval), and counts 1 / p. Of n
+// blocks the estimate has the variance n (1 / p - 1), in units of blocks. Seeds are fixed, so the
+// outcome is too.
 TEST(QvheapSites, SampledEstimatesLieWithinTheErrorOfTheTheory) {
   constexpr int kSeeds = 20;
   double sums[kPlaces] = {}, squares[kPlaces] = {}, deviations[kPlaces] = {};
@@ -312,9 +315,9 @@ TEST(QvheapSites, AProgramThatExitsFromASignalHandlerWhileItIsLookedAtDoesNotHan
   }
 }
 
-// The least that the program itself needs is some 20 MB. A limit a little above that leaves the collector too
-// little, and the program may feel it, as it would feel any use of its address space; with 18 MB more it does
-// what it does, however much of it is recorded.
+// The least that the program itself needs is some 20 MB. A limit a little above that leaves the
+// collector too little, and the program may feel it, as it would feel any use of its address space;
+// with 18 MB more it does what it does, however much of it is recorded.
 TEST(QvheapSites, UnderALimitOnAddressSpaceTheProgramDoesWhatItDoes) {
   uint64_t incomplete = 0;
   for (const char* options : {"", "-exact"}) {
@@ -332,6 +335,21 @@ TEST(QvheapSites, UnderALimitOnAddressSpaceTheProgramDoesWhatItDoes) {
     }
   }
   EXPECT_GT(incomplete, 0u);  // of the sampled ones at least
+}
+
+TEST(QvheapSites, InAShortageOfMemorySmallSitesAreFoldedAndNothingIsLost) {
+  const ChildResult child =
+      Shell("ulimit -v 50000; exec " QVHEAP " -quiet -exact -- " SITES_SUBJECT " branches");
+  ASSERT_EQ(child.status, 0) << child.err;
+  const Results results = ResultsOf(child);
+  EXPECT_GT(results.folded, 1000u);
+  EXPECT_LT(results.sites.size(), 60000u);
+  EXPECT_EQ(results.SumOverSites("allocations"), 65536u);
+  EXPECT_EQ(results.SumOverSites("releases"), 65536u);
+  const ChildResult ample = RunSites("-exact", "branches");
+  const Results all = ResultsOf(ample);
+  EXPECT_EQ(all.folded, 0u);
+  EXPECT_EQ(all.sites.size(), 65536u);
 }
 
 TEST(QvheapSites, AFullDiskLeavesNoFileUnderTheResultsName) {

@@ -1,0 +1,63 @@
+// Being inside the collector: how a thread marks that what happens is not the program's doing.
+// Invariant (2) of collectors/qvheap/census.h.
+#pragma once
+
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include "collectors/qvheap/words.h"
+
+namespace qvheap {
+
+struct ThreadRecord;
+extern constinit thread_local ThreadRecord* t_counting;
+extern constinit thread_local ThreadRecord* t_record;
+extern constinit thread_local bool t_inside;
+extern constinit thread_local bool t_signalsBlocked;  // by us
+
+// No signal handler of the program runs on the thread: one that calls exit must not find locks taken
+// that the report needs, or the library in the middle of something. Two system calls, but for those
+// inside another.
+class SignalsBlocked : NonCopyable {
+ public:
+  SignalsBlocked() : nested_(t_signalsBlocked) {
+    if (nested_) return;
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &former_);
+    t_signalsBlocked = true;
+  }
+  ~SignalsBlocked() {
+    if (nested_) return;
+    t_signalsBlocked = false;
+    pthread_sigmask(SIG_SETMASK, &former_, nullptr);
+  }
+
+ private:
+  const bool nested_;
+  sigset_t former_;
+};
+
+// While it lives, the calling thread is inside the collector (2), without signals. errno is the
+// program's.
+class Inside : NonCopyable {
+ public:
+  Inside() : nested_(t_inside), errno_(errno) {
+    t_inside = true;
+    t_counting = nullptr;
+  }
+  ~Inside() {
+    errno = errno_;
+    if (nested_) return;
+    t_inside = false;
+    t_counting = t_record;
+  }
+
+ private:
+  const SignalsBlocked signals_;
+  const bool nested_;
+  const int errno_;
+};
+
+}  // namespace qvheap
