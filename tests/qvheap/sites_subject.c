@@ -43,9 +43,9 @@ static volatile int g_count; /* keeps calls from becoming jumps */
   }
 SITE(0)
 SITE(1)
-SITE(2) SITE(3) SITE(4) SITE(5) SITE(6) SITE(7) SITE(8)
-    SITE(9) static void* (*const kSite[kSites])(size_t) = {Site0, Site1, Site2, Site3, Site4,
-                                                           Site5, Site6, Site7, Site8, Site9};
+SITE(2)
+SITE(3) SITE(4) SITE(5) SITE(6) SITE(7) SITE(8) SITE(9) static void* (*const kSite[kSites])(size_t) = {
+    Site0, Site1, Site2, Site3, Site4, Site5, Site6, Site7, Site8, Site9};
 
 __attribute__((noinline)) static void* Resize(void* block, size_t bytes) {
   void* const moved = realloc(block, bytes);
@@ -251,15 +251,17 @@ __attribute__((noinline)) static void WithVariableFrame(size_t bytes) {
   g_count += room[0];
 }
 
-__attribute__((noinline)) static void WithAlignedFrame(void) {
+/* Room of both kinds, so that another register leads to the caller's frame. */
+__attribute__((noinline)) static void WithAlignedFrame(size_t bytes) {
   volatile char room[64] __attribute__((aligned(64)));
-  room[0] = 1;
-  WithVariableFrame(100);
-  g_count += room[0];
+  volatile char* const more = __builtin_alloca(bytes);
+  room[0] = more[0] = 1;
+  WithVariableFrame(bytes);
+  g_count += room[0] + more[0];
 }
 
 static int CompareAndAllocate(const void* a, const void* b) {
-  if (g_count++ % 7 == 0) WithAlignedFrame();
+  if (g_count++ >= 0) WithAlignedFrame(100);
   return *(const int*)a - *(const int*)b;
 }
 
