@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "collectors/qvheap/modules.h"
+#include "collectors/qvheap/profile.h"
 #include "collectors/qvheap/room.h"
 #include "collectors/qvheap/sites.h"
 #include "collectors/qvheap/tallies.h"
@@ -99,6 +100,7 @@ void WriteSiteThread(uint32_t ordinal, uint64_t context) {
 
 void WriteSiteThreads(QV_XML_FILE* file, QV_HASH_TABLE* threads, const Site& site) {
   const SiteThreads context = {file, threads, site.number};
+  const SpinGuard guard(g_sitesLock);
   __QvXMLStartWritingOpeningTag(file, "threads");
   WriteAttribute(file, "count", site.threads.count);
   __QvXMLFinishWritingOpeningTag(file);
@@ -230,6 +232,7 @@ void WriteTimelineLocked(QV_XML_FILE* file) {
 }
 
 void WriteSitesLocked(QV_XML_FILE* file) {
+  const SitesStay stay;
   const uint32_t count = SiteCount();
   QV_HASH_TABLE* const threads = MakeThreadTableLocked();
   FillThreadTableLocked(threads);
@@ -237,6 +240,7 @@ void WriteSitesLocked(QV_XML_FILE* file) {
   __QvXMLStartWritingOpeningTag(file, "sites");
   WriteAttribute(file, "count", tree != nullptr ? tree->count : CountWritten(count));
   WriteAttribute(file, "folded", FoldedSiteCount());
+  WriteAttribute(file, "missed", MissedLooks());
   __QvXMLFinishWritingOpeningTag(file);
   WriteOrdered(file, threads, tree);
   for (uint32_t number = 1; tree == nullptr && number <= count; number++) {

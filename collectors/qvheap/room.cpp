@@ -65,7 +65,7 @@ void InstallRoom() {
   }
   __QvEnableMemoryStatisticsCollection();
   __QvInitializeMemoryCollector();
-  __QvRegisterMemoryCollector(FoldSmallSites);
+  __QvRegisterMemoryCollector(FoldSmallSitesIfCan);
 }
 
 uint32_t LibraryCategory(Category category) { return g_numbers[category]; }

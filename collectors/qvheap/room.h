@@ -8,8 +8,7 @@
 //
 //   Provision -> blocks of the host, on the thread --- hook ---> library ---> chunk
 //
-// A provision that fails has the collectors of memory run first, which fold small sites
-// (collectors/qvheap/sites.h), and is tried again.
+// A provision that fails has small sites folded (collectors/qvheap/sites.h), and is tried again.
 #pragma once
 
 #include "collectors/qvheap/words.h"
@@ -36,7 +35,7 @@ uint32_t LibraryCategory(Category category);
 // a slab. Provisions of one thread do not nest.
 class Provision : NonCopyable {
  public:
-  static constexpr uint32_t kMostSlabs = 4;
+  static constexpr uint32_t kMostSlabs = 5;
   explicit Provision(uint32_t slabs, uint64_t largestBytes = 0);
   ~Provision();
   bool Granted() const { return granted_; }

@@ -12,13 +12,14 @@ namespace {
 constexpr uint32_t kSitesPerChunk = 128;
 constexpr uint32_t kChunks = 1 << 17;  // numbers have 24 bits (blocks.h)
 constexpr uint32_t kFoldedSite = 1;
-constexpr uint32_t kSlabsForSite = 4;  // stack, entry, a leaf with its buckets
+constexpr uint32_t kSlabsForSite = 5;  // stack, entry, a leaf with its buckets, a chunk
 constexpr uint32_t kEpochs = 3;        // an image may go while a stack that leads through it is kept
 
 // g_sitesLock.
 constinit Site* g_chunks[kChunks] = {};
 constinit uint32_t g_count = 0;
 constinit uint64_t g_foldedCount = 0;
+constinit bool g_sitesStay = false;
 constinit QV_HASH_TABLE* g_table = nullptr;
 constinit QV_HASH_TABLE* g_staleTable = nullptr;  // of the parent process
 
@@ -66,16 +67,16 @@ Stack* CopyStack(const Stack& stack) {
 
 // ---- Records ---------------------------------------------------------------------------------------
 
-// The chunk of the next site; the first site is the one of folded ones.
-bool MakeRoomForSite() {
-  const uint32_t number = Load(g_count) + 2;
+// The chunk of the next site; the first site is the one of folded ones. Provided for by the caller:
+// under the lock it is too late to fold.
+bool MakeRoomForSiteLocked() {
+  constexpr uint32_t kChunkBytes = kSitesPerChunk * sizeof(Site);
+  const uint32_t number = g_count + 2;
   if (number / kSitesPerChunk >= kChunks) return false;
   Site*& chunk = g_chunks[number / kSitesPerChunk];
   if (chunk != nullptr) return true;
-  Site* const fresh = static_cast<Site*>(Allocate(kRoomSites, kSitesPerChunk * sizeof(Site)));
-  if (fresh == nullptr) return false;
-  memset(static_cast<void*>(fresh), 0, kSitesPerChunk * sizeof(Site));
-  chunk = fresh;
+  void* const fresh = __QvMalloc(LibraryCategory(kRoomSites), kChunkBytes, 0);
+  chunk = static_cast<Site*>(memset(fresh, 0, kChunkBytes));
   return true;
 }
 
@@ -92,8 +93,6 @@ Site& BeginSiteLocked() {
   return site;
 }
 
-constinit QV_SPIN_LOCK g_sitesLock = {};
-
 QVHEAP_COLD Site* MakeSiteSlow(Stack& stack) {
   const SignalsBlocked blocked;
   for (uint32_t i = 0; i < kEpochs && !NoticeModules(stack.frames, stack.depth, stack.epoch); i++) {
@@ -101,7 +100,7 @@ QVHEAP_COLD Site* MakeSiteSlow(Stack& stack) {
   }
   const Provision provision(kSlabsForSite, LeafGrowthBytes(SiteCount(), kLeaves));
   const SpinGuard guard(g_sitesLock);
-  if (!provision.Granted() || !MakeRoomForSite()) return nullptr;
+  if (!provision.Granted() || !MakeRoomForSiteLocked()) return nullptr;
   QV_HASH_TABLE* const table = TableLocked();
   void* const found = __QvLookupHashTable(table, KeyOf(stack));  // made meanwhile by another thread
   if (found != nullptr) return static_cast<Site*>(found);
@@ -187,7 +186,14 @@ int32_t FoldIfSmall(void* data, uint64_t smallSize) {
   return 1;
 }
 
+void FoldSmallSitesLocked() {
+  if (g_count <= kFoldedSite || g_sitesStay) return;
+  __QvScanHashTable(g_table, FoldIfSmall, SmallSizeLocked(), 1, nullptr, nullptr);
+}
+
 }  // namespace
+
+constinit QV_SPIN_LOCK g_sitesLock = {};
 
 Site& SiteOf(uint32_t number) {
   return __atomic_load_n(&g_chunks[number / kSitesPerChunk], __ATOMIC_ACQUIRE)[number % kSitesPerChunk];
@@ -257,11 +263,27 @@ SiteFigures ReadSite(Site& site) {
 uint32_t SiteCount() { return __atomic_load_n(&g_count, __ATOMIC_ACQUIRE); }
 uint64_t FoldedSiteCount() { return Load(g_foldedCount); }
 
-// It may run because something under g_sitesLock needs memory; the sites are not in order then.
+SitesStay::SitesStay() {
+  const SpinGuard guard(g_sitesLock);
+  g_sitesStay = true;
+}
+
+SitesStay::~SitesStay() {
+  const SpinGuard guard(g_sitesLock);
+  g_sitesStay = false;
+}
+
+// Something under g_sitesLock may need memory; the sites are not in order then.
 void FoldSmallSites() {
-  if (g_count <= kFoldedSite || __QvIsSpinLockAcquiredByCallingThread(&g_sitesLock) != 0) return;
+  if (__QvIsSpinLockAcquiredByCallingThread(&g_sitesLock) != 0) return;
+  const SpinGuard guard(g_sitesLock);
+  FoldSmallSitesLocked();
+}
+
+void FoldSmallSitesIfCan() {
+  if (__QvIsSpinLockAcquiredByCallingThread(&g_sitesLock) != 0) return;
   if (__QvTryToAcquireSpinLock(&g_sitesLock, 0) == 0) return;
-  __QvScanHashTable(g_table, FoldIfSmall, SmallSizeLocked(), 1, nullptr, nullptr);
+  FoldSmallSitesLocked();
   __QvReleaseSpinLock(&g_sitesLock);
 }
 
@@ -270,6 +292,7 @@ void ForgetAllSites() {
   __QvInitializeSpinLock(&g_sitesLock);
   g_count = 0;
   g_foldedCount = 0;
+  g_sitesStay = false;
   g_peakTotal = 0;
   if (g_table == nullptr) return;
   g_staleTable = g_table;

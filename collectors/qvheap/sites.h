@@ -15,7 +15,8 @@
 // Invariants
 //  (1) The figures of a site are under its lock, a recursive one; nothing is called under it. Threads
 //      that allocate at different sites meet nowhere but for reading in the table.
-//  (2) New sites, folding, chunks and counts of sites are under g_sitesLock, with signals blocked.
+//  (2) New sites, folding, chunks, counts of sites and their sets of threads are under g_sitesLock, with
+//      signals blocked. Of ours, only the locks of sites are acquired under it.
 //  (3) A site's stack and table entry go together, while (2) is held; a lookup holds the lock of the
 //      bucket, which the removal of the entry waits for.
 #pragma once
@@ -26,6 +27,8 @@
 #include "collectors/qvheap/stacks.h"
 
 namespace qvheap {
+
+extern QV_SPIN_LOCK g_sitesLock;  // (2)
 
 struct SiteFigures {
   uint64_t samples;
@@ -68,7 +71,16 @@ SiteFigures ReadSite(Site& site);
 uint32_t SiteCount();        // sites have the numbers 1 to this
 uint64_t FoldedSiteCount();  // how many were folded into number 1
 
-void FoldSmallSites();  // a collector of memory
-void ForgetAllSites();  // in a child process
+// While it lives, no site is folded: one thread at a time, which reads stacks or goes through all sites
+// more than once.
+class SitesStay : NonCopyable {
+ public:
+  SitesStay();
+  ~SitesStay();
+};
+
+void FoldSmallSites();       // waits for who is making a site
+void FoldSmallSitesIfCan();  // a collector of memory: never waits
+void ForgetAllSites();       // in a child process
 
 }  // namespace qvheap

@@ -71,7 +71,8 @@ std::string MadeResults::Text() const {
     out << "<point time='" << time << "' bytesAllocated='1' liveBytes='" << live
         << "' liveBlocks='1'/>";
   }
-  out << "</timeline>\n<sites count='" << sites.size() << "' folded='" << foldedSites << "'>\n";
+  out << "</timeline>\n<sites count='" << sites.size() << "' folded='" << foldedSites << "' missed='"
+      << missedAllocations << "'>\n";
   for (size_t i = 0; i < sites.size(); i++) WriteSite(out, i + 1, sites[i]);
   out << "</sites>\n<memory><category name='sites' bytes='4096'/></memory>"
       << "<collectorBytes>8192</collectorBytes></heap>\n";

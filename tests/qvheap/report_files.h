@@ -24,7 +24,7 @@ struct MadeResults {
   std::vector<MadeSite> sites;
   std::vector<std::pair<long, long>> timeline;  // time and live bytes
   std::string modules, regions;
-  long foldedSites = 0;
+  long foldedSites = 0, missedAllocations = 0;
   // -1: what the sites add up to
   long peakBytes = -1, liveBytes = -1;
   std::string Text() const;

@@ -106,7 +106,9 @@ Results ReadResults(const std::string& text) {
   for (const std::string& category : Elements(text, "category")) {
     results.memory[Attribute(category, "name")] = Number(Attribute(category, "bytes"));
   }
-  results.folded = Number(Attribute(Elements(text, "sites").at(0), "folded"));
+  const std::string sites = Elements(text, "sites").at(0);
+  results.folded = Number(Attribute(sites, "folded"));
+  results.missed = Number(Attribute(sites, "missed"));
   return results;
 }
 

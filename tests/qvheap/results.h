@@ -31,7 +31,7 @@ struct Results {
   std::vector<ResultsModule> modules;
   std::vector<Figures> timeline;
   Figures memory;  // by category
-  uint64_t folded = 0;
+  uint64_t folded = 0, missed = 0;
 
   uint64_t SumOverSites(const std::string& figure) const;
 };

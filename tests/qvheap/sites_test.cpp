@@ -319,7 +319,6 @@ TEST(QvheapSites, AProgramThatExitsFromASignalHandlerWhileItIsLookedAtDoesNotHan
 // collector too little, and the program may feel it, as it would feel any use of its address space;
 // with 18 MB more it does what it does, however much of it is recorded.
 TEST(QvheapSites, UnderALimitOnAddressSpaceTheProgramDoesWhatItDoes) {
-  uint64_t incomplete = 0;
   for (const char* options : {"", "-exact"}) {
     for (int megabytes = 18; megabytes <= 60; megabytes += 3) {
       const ChildResult child =
@@ -328,24 +327,25 @@ TEST(QvheapSites, UnderALimitOnAddressSpaceTheProgramDoesWhatItDoes) {
       const bool ranShort = child.err.find("no block") != std::string::npos;
       EXPECT_TRUE(child.status == 0 || (ranShort && megabytes < 36))
           << megabytes << options << " status " << child.status << child.err;
-      for (const std::string& file : FilesLike(child, kResultsPattern)) {
-        const Results results = ReadResults(child.Read(file));
-        if (results.SumOverSites("allocations") != results.process.at("allocations")) incomplete++;
-      }
+      for (const std::string& file : FilesLike(child, kResultsPattern)) ReadResults(child.Read(file));
     }
   }
-  EXPECT_GT(incomplete, 0u);  // of the sampled ones at least
 }
 
+// Where the memory ends, in the making of a site or in the report, depends on where the kernel puts
+// images; so does how much is folded.
 TEST(QvheapSites, InAShortageOfMemorySmallSitesAreFoldedAndNothingIsLost) {
-  const ChildResult child =
-      Shell("ulimit -v 50000; exec " QVHEAP " -quiet -exact -- " SITES_SUBJECT " branches");
-  ASSERT_EQ(child.status, 0) << child.err;
-  const Results results = ResultsOf(child);
-  EXPECT_GT(results.folded, 1000u);
-  EXPECT_LT(results.sites.size(), 60000u);
-  EXPECT_EQ(results.SumOverSites("allocations"), 65536u);
-  EXPECT_EQ(results.SumOverSites("releases"), 65536u);
+  for (int megabytes : {36, 48, 50}) {
+    const ChildResult child = Shell("ulimit -v " + std::to_string(megabytes) +
+                                    "000; exec " QVHEAP " -quiet -exact -- " SITES_SUBJECT " branches");
+    ASSERT_EQ(child.status, 0) << child.err;
+    const Results results = ResultsOf(child);
+    EXPECT_GT(results.folded, 1000u);
+    EXPECT_LT(results.sites.size(), 60000u);
+    EXPECT_EQ(results.SumOverSites("allocations") + results.missed, 65536u) << megabytes;
+    EXPECT_EQ(results.SumOverSites("releases") + results.missed, 65536u) << megabytes;
+    EXPECT_EQ(results.missed, 0u) << megabytes;
+  }
   const ChildResult ample = RunSites("-exact", "branches");
   const Results all = ResultsOf(ample);
   EXPECT_EQ(all.folded, 0u);

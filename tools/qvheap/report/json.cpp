@@ -193,6 +193,7 @@ void WriteStackIndices(Json& json, const std::vector<uint32_t>& frames, FrameTab
 
 void WriteSites(Json& json, const Profile& profile, FrameTable& table) {
   json.Number("foldedSites", profile.results.foldedSites);
+  json.Number("missedAllocations", profile.results.missedAllocations);
   json.Open("sites", '[');
   for (const NamedSite& site : profile.sites) {
     json.Open('{');

@@ -212,7 +212,10 @@ class Builder {
                                  Number(attributes, "liveBytes"), Number(attributes, "liveBlocks")});
   }
 
-  void StartSites(const Attributes& attributes) { results_.foldedSites = Number(attributes, "folded"); }
+  void StartSites(const Attributes& attributes) {
+    results_.foldedSites = Number(attributes, "folded");
+    results_.missedAllocations = Number(attributes, "missed");
+  }
   void StartSite(const Attributes& attributes) {
     results_.sites.emplace_back();
     results_.sites.back().id = uint64_t(Number(attributes, "id"));

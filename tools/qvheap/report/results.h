@@ -91,6 +91,7 @@ struct Results {
   std::vector<TimePoint> timeline;
   std::vector<Site> sites;
   int64_t foldedSites = 0;
+  int64_t missedAllocations = 0;
   std::vector<std::pair<std::string, int64_t>> memory;  // the collector's own, bytes by category
   int64_t collectorBytes = 0;
 

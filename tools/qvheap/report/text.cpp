@@ -104,8 +104,12 @@ void WriteNotes(const Profile& profile, Symbols& symbols, Writer& out) {
               HumanBytes(results.intervalBytes).c_str());
   }
   if (results.foldedSites != 0) {
-    out.Print("  %s small sites were given up in a shortage of memory.\n",
+    out.Print("  %s small sites were made one in a shortage of memory.\n",
               WithCommas(results.foldedSites).c_str());
+  }
+  if (results.missedAllocations != 0) {
+    out.Print("  ! %s allocations are at no site: there was no memory to note them.\n",
+              WithCommas(results.missedAllocations).c_str());
   }
   std::vector<std::string> named;
   for (const Module& module : results.modules) {
