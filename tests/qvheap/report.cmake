@@ -3,10 +3,12 @@
 if(NOT TARGET qvheap_report)
   return()
 endif()
+# The subjects are what they describe: no sanitizer's frame is in their stacks.
 function(qvheap_report_subject name)  # name option...
   add_executable(qvheap_report_subject_${name} report_subject.cpp)
   target_link_libraries(qvheap_report_subject_${name} PRIVATE qvrt_warnings)
-  target_compile_options(qvheap_report_subject_${name} PRIVATE -O2 ${ARGN})
+  target_compile_options(qvheap_report_subject_${name} PRIVATE -O2 ${ARGN} -fno-sanitize=all)
+  target_link_options(qvheap_report_subject_${name} PRIVATE -fno-sanitize=all)
 endfunction()
 qvheap_report_subject(debug -g)
 qvheap_report_subject(plain -g0)
