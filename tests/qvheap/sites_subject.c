@@ -41,12 +41,19 @@ static volatile int g_count; /* keeps calls from becoming jumps */
     g_count += n;                                                \
     return block;                                                \
   }
-SITE(0)
-SITE(1)
-SITE(2)
-SITE(3)
-SITE(4) SITE(5) SITE(6) SITE(7) SITE(8) SITE(9) static void* (*const kSite[kSites])(size_t) = {
-    Site0, Site1, Site2, Site3, Site4, Site5, Site6, Site7, Site8, Site9};
+SITE(0);
+SITE(1);
+SITE(2);
+SITE(3);
+SITE(4);
+SITE(5);
+SITE(6);
+SITE(7);
+SITE(8);
+SITE(9);
+
+static void* (*const kSite[kSites])(size_t) = {Site0, Site1, Site2, Site3, Site4,
+                                               Site5, Site6, Site7, Site8, Site9};
 
 __attribute__((noinline)) static void* Resize(void* block, size_t bytes) {
   void* const moved = realloc(block, bytes);
