@@ -100,13 +100,13 @@ int32_t VisitNothing(void*, uint64_t) { return 0; }
 
 // ---- Destruction ------------------------------------------------------------------------------------
 
-// Each entry leaves its chain before its callbacks run, so that a callback that reads the table against
-// the rules finds no freed entry.
+// Each entry leaves its chain after its callbacks and before it is freed: a callback that reads the table
+// still finds what is being destroyed, and never a freed entry.
 void DestroyChain(const QV_HASH_TABLE& leaf, QV_HASH_BUCKET& bucket, QV_HASH_FREE_DATA freeData) {
   while (QV_HASH_ENTRY* const entry = bucket.head) {
-    bucket.head = entry->next;
     if (freeData != nullptr) freeData(entry->data);
     ReleaseKeyOf(leaf, *entry);
+    bucket.head = entry->next;
     Release(entry);
   }
 }

@@ -230,6 +230,7 @@ __attribute__((noinline)) void* Lookup(QV_HASH_TABLE* table, uint64_t key) {
   QV_HASH_TABLE* const leaf = LeafFor(table, key);
   if (QV_UNLIKELY(leaf == nullptr)) return nullptr;
   if (Locks(*leaf)) return LookupLocking(*leaf, key);
+  if (leaf->count <= 0) return nullptr;
   return DataOf(Find(*leaf, BucketAt(*leaf, LeafHash(*leaf, key)), key));
 }
 
@@ -237,14 +238,17 @@ int32_t CallAcquire(QV_HASH_ACQUIRE_DATA acquire, void* data) {
   return acquire != nullptr ? acquire(data) : 1;
 }
 
-int32_t AcquireItem(const QV_HASH_ENTRY* entry, QV_HASH_ACQUIRE_DATA acquire, void*& out) {
+// `out` gets the data under the same locks as acquire: with them goes the right to keep the entry.
+int32_t AcquireItem(const QV_HASH_ENTRY* entry, QV_HASH_ACQUIRE_DATA acquire, void** out) {
   if (entry == nullptr) return 1;
-  out = entry->data;
-  return CallAcquire(acquire, out);
+  void* const data = entry->data;
+  const int32_t result = CallAcquire(acquire, data);
+  if (out != nullptr) *out = data;
+  return result;
 }
 
 int32_t AcquireItemLocking(QV_HASH_TABLE& leaf, uint64_t key, QV_HASH_ACQUIRE_DATA acquire,
-                           void*& out) {
+                           void** out) {
   int32_t result = 1;
   PrefetchLocks(leaf, key);
   SharedAcquire(leaf.lock);
@@ -399,16 +403,13 @@ void* __QvLookupHashTable(QV_HASH_TABLE* table, uint64_t key) {
 
 int32_t __QvLookupAndAcquireHashTableDataItem(QV_HASH_TABLE* table, uint64_t key,
                                               QV_HASH_ACQUIRE_DATA acquire, void** out) {
-  void* data = nullptr;
-  int32_t result = 1;
-  if (QV_HASH_TABLE* const leaf = qv::LeafFor(table, key)) {
-    result = qv::Locks(*leaf)
-                 ? qv::AcquireItemLocking(*leaf, key, acquire, data)
-                 : qv::AcquireItem(qv::Find(*leaf, qv::BucketAt(*leaf, qv::LeafHash(*leaf, key)), key),
-                                   acquire, data);
-  }
-  if (out != nullptr) *out = data;
-  return result;
+  if (out != nullptr) *out = nullptr;
+  QV_HASH_TABLE* const leaf = qv::LeafFor(table, key);
+  if (leaf == nullptr) return 1;
+  if (qv::Locks(*leaf)) return qv::AcquireItemLocking(*leaf, key, acquire, out);
+  if (leaf->count <= 0) return 1;
+  QV_HASH_BUCKET& bucket = qv::BucketAt(*leaf, qv::LeafHash(*leaf, key));
+  return qv::AcquireItem(qv::Find(*leaf, bucket, key), acquire, out);
 }
 
 void* __QvInsertHashTableEntry(QV_HASH_TABLE* table, uint64_t key, void* data) {
@@ -428,6 +429,7 @@ void* __QvRemoveHashTableEntry(QV_HASH_TABLE* table, uint64_t key) {
   if (qv::Locks(leaf)) return qv::RemoveLocking(leaf, key);
   QV_HASH_ENTRY** const link = qv::FindLink(leaf, qv::BucketAt(leaf, qv::LeafHash(leaf, key)), key);
   if (*link == nullptr) return nullptr;
+  void* const data = qv::RemoveEntry(leaf, link);  // the key is released before the count changes
   qv::CountEntryOut(leaf);
-  return qv::RemoveEntry(leaf, link);
+  return data;
 }

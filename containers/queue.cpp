@@ -92,14 +92,6 @@ class HeadGuard : NonCopyable {
   Hold hold_ = Hold::kPassed;
 };
 
-// Takes the first node out; null if there is none.
-QV_INLINE Node* TakeFirst(Queue& queue) {
-  const HeadGuard guard(queue);
-  Node* const first = LoadAcquire(queue.anchor.next);
-  if (first != nullptr) Unlink(queue, &queue.anchor, first, guard.Me());
-  return first;
-}
-
 struct Search {
   QV_QUEUE_MATCH match;  // null takes any
   uint32_t a;
@@ -107,12 +99,7 @@ struct Search {
   bool Takes(uint64_t value) const { return match == nullptr || match(a, b, value) == 1; }
 };
 
-struct Found {
-  uint64_t value;
-  Node* removed;  // or null
-};
-
-Found Find(Queue& queue, const Search& search, bool remove) {
+uint64_t Find(Queue& queue, const Search& search, bool remove) {
   const HeadGuard guard(queue);
   Node* previous = &queue.anchor;
   Node* node = LoadAcquire(previous->next);
@@ -120,9 +107,13 @@ Found Find(Queue& queue, const Search& search, bool remove) {
     previous = node;
     node = LoadAcquire(node->next);
   }
-  if (node == nullptr) return {0, nullptr};
-  if (remove) Unlink(queue, previous, node, guard.Me());
-  return {node->value, remove ? node : nullptr};
+  if (node == nullptr) return 0;
+  const uint64_t value = node->value;
+  if (remove) {
+    Unlink(queue, previous, node, guard.Me());
+    Release(node);
+  }
+  return value;
 }
 
 bool IsFree(const QV_SPIN_LOCK& lock) {
@@ -159,18 +150,18 @@ void __QvEnqueue(Queue* queue, uint64_t value) {
 
 uint64_t __QvDequeue(Queue* queue) {
   if (queue == nullptr) return 0;
-  Node* const node = qv::TakeFirst(*queue);
+  const qv::HeadGuard guard(*queue);
+  Node* const node = qv::LoadAcquire(queue->anchor.next);
   if (node == nullptr) return 0;
   const uint64_t value = node->value;
+  qv::Unlink(*queue, &queue->anchor, node, guard.Me());
   qv::Release(node);
   return value;
 }
 
 uint64_t __QvPeekQueue(Queue* queue, QV_QUEUE_MATCH match, uint32_t a, uint64_t b, uint32_t remove) {
   if (queue == nullptr) return 0;
-  const qv::Found found = qv::Find(*queue, {match, a, b}, remove != 0);
-  qv::Release(found.removed);
-  return found.value;
+  return qv::Find(*queue, {match, a, b}, remove != 0);
 }
 
 uint32_t __QvIsQueueEmpty(const Queue* queue) {

@@ -13,9 +13,8 @@
 //      before `tail` moves on. Who finds it set, under the head lock, knows that nobody will touch the
 //      node from the tail side again, and need not ask `tail`: so the two sides read and write no word
 //      of the record in common while there are two elements.
-// Memory is taken and given back outside both locks: it shortens what others wait for, and a memory
-// collector that drains a queue cannot meet a thread that holds its lock. Only a free hook could notice
-// that a node goes back after the head lock, and it knows nothing of queues.
+// Memory is taken outside both locks: it shortens what others wait for, and a memory collector that drains
+// a queue cannot meet a thread that holds its lock. A node is given back under the head lock.
 #pragma once
 
 #include "runtime/base.h"

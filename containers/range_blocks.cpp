@@ -35,10 +35,13 @@ HashTable& LevelTableMade(RangeTable& table, uint32_t level) {
   return QV_LIKELY(hash != nullptr) ? *hash : MakeLevelSlow(table, level);
 }
 
+// Memory is taken first. Whoever is asked for it may have a collector remove any ranges of this table; the
+// entry and its slot come after that, with nothing in between.
 void AddBlock(RangeTable& table, HashTable& hash, uint64_t address, uint32_t level, void* data) {
+  BlockIndex& index = IndexOf(table, level);
+  MakeRoomInIndex(CategoryOf(table.flags), uint64_t(hash.count) + 1, level, index);
   AddEntry(hash, address, data);
-  const BlockSlot slot = {address, NamedBy(data, HoldsChains(table, level))};
-  AddToIndex(CategoryOf(table.flags), uint64_t(hash.count), slot, level, IndexOf(table, level));
+  AddToIndex(index, {address, NamedBy(data, HoldsChains(table, level))}, level);
 }
 
 void RemoveBlock(RangeTable& table, uint32_t level, HashTable& hash, QV_HASH_ENTRY** at) {
@@ -70,15 +73,16 @@ void AddLink(const RangeTable& table, const QV_HASH_ENTRY& entry, uint32_t level
 // Has a block name the record; false if it names another, which it can only where no chain is.
 bool Register(RangeTable& table, HashTable& hash, uint64_t address, uint32_t level,
               RangeRecord* record) {
-  const bool chains = HoldsChains(table, level);
-  const bool there = FindBlock(table, address, level) != 0;
-  if (there && !chains) return false;
-  if (there) {
-    AddLink(table, *FindEntry(hash, address, level), level, NewLink(table, record));
-  } else if (chains) {
-    AddBlock(table, hash, address, level, NewLink(table, record));
-  } else {
+  if (!HoldsChains(table, level)) {
+    if (FindBlock(table, address, level) != 0) return false;
     AddBlock(table, hash, address, level, record);
+    return true;
+  }
+  QV_RANGE_LINK* const link = NewLink(table, record);  // before the search, see AddBlock
+  if (FindBlock(table, address, level) != 0) {
+    AddLink(table, *FindEntry(hash, address, level), level, link);
+  } else {
+    AddBlock(table, hash, address, level, link);
   }
   return true;
 }
@@ -202,7 +206,8 @@ void InsertRange(RangeTable& table, uint64_t start, uint64_t end, uint64_t item)
     HashTable& hash = LevelTableMade(table, run.level);
     for (uint64_t i = 0; i < run.count; i++) {
       const uint64_t address = run.address + i * BlockBytes(run.level);
-      record->references += Register(table, hash, address, run.level, record);
+      record->references++;  // beforehand: the record outlives a collector that empties the table
+      if (!Register(table, hash, address, run.level, record)) record->references--;
     }
   }
   if (record->references == 0) Release(record);

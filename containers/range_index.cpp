@@ -47,18 +47,20 @@ void Place(const BlockIndex& index, const BlockSlot& block, uint32_t level) {
   SlotOf(index, block.block, level) = block;
 }
 
+// While memory is taken, a memory collector may take blocks out of the old slots.
 QV_COLD void GrowSlow(uint32_t category, uint32_t level, BlockIndex& index) {
-  const BlockIndex old = index;
-  const uint64_t slots = SlotCount(old) * 2;
+  const uint64_t slots = SlotCount(index) * 2;
+  BlockIndex grown;
   if (slots <= g_mostSlots) {
-    MakeEmpty(category, slots, index);
+    MakeEmpty(category, slots, grown);
     for (uint64_t i = 0; i < slots / 2; i++) {
-      if (old.slots[i].named != 0) Place(index, old.slots[i], level);
+      if (index.slots[i].named != 0) Place(grown, index.slots[i], level);
     }
   } else {
-    DoWithout(index);
+    DoWithout(grown);
   }
-  Release(WordsOf(old) - kPadding);
+  Release(WordsOf(index) - kPadding);
+  index = grown;
 }
 
 // What follows moves up into the gap, unless it would then come before its first slot.
@@ -96,11 +98,13 @@ void ReleaseIndex(BlockIndex& index) {
   if (index.slots != nullptr) Release(WordsOf(index) - kPadding);
 }
 
-void AddToIndex(uint32_t category, uint64_t count, const BlockSlot& block, uint32_t level,
-                BlockIndex& index) {
+void MakeRoomInIndex(uint32_t category, uint64_t count, uint32_t level, BlockIndex& index) {
   if (QV_UNLIKELY(index.slots != nullptr && count > SlotCount(index) / 2)) {
     GrowSlow(category, level, index);
   }
+}
+
+void AddToIndex(const BlockIndex& index, const BlockSlot& block, uint32_t level) {
   if (QV_LIKELY(index.slots != nullptr)) Place(index, block, level);
 }
 

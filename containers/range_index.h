@@ -76,9 +76,10 @@ extern uint64_t g_mostSlots;  // a power of two; tests set it
 
 void MakeIndex(uint32_t category, BlockIndex& index);
 void ReleaseIndex(BlockIndex& index);
-// Of a block that is not there yet, the last of `count`.
-void AddToIndex(uint32_t category, uint64_t count, const BlockSlot& block, uint32_t level,
-                BlockIndex& index);
+// For `count` blocks; the one call here that takes memory.
+void MakeRoomInIndex(uint32_t category, uint64_t count, uint32_t level, BlockIndex& index);
+// Of a block that is not there yet and for which there is room.
+void AddToIndex(const BlockIndex& index, const BlockSlot& block, uint32_t level);
 void RenameInIndex(const BlockIndex& index, const BlockSlot& block, uint32_t level);
 void RemoveFromIndex(const BlockIndex& index, uint64_t block, uint32_t level);
 void EmptyIndex(const BlockIndex& index);

@@ -83,7 +83,7 @@ template <class Order>
 QV_INLINE Node* RangeStart(const Tree& tree, uint64_t low, uint64_t high, Order order) {
   Node* const node = FirstNotBefore(tree, low, order);
   if (node == tree.nil) return nullptr;
-  return !order.Before(high, node->key) || order.Same(low, node->key) ? node : nullptr;
+  return order.Same(low, node->key) || !order.Before(high, node->key) ? node : nullptr;
 }
 
 // False for null, the sentinel, and the handle of a removed entry whose memory is not in use again.

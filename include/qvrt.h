@@ -874,7 +874,7 @@ QV_API void __QvLogToolOptionValues(uint32_t parser);
  *       several levels that locks: two scans whose callbacks call into each other's leaves would wait
  *       for each other.
  * All may allocate and free. A memory collector that runs because an operation allocates may scan the
- * same table, but not insert into it.
+ * same table and, if the table takes no locks, remove from it, but not insert into it.
  *
  * A null table: nothing is found, added, removed or visited. */
 typedef struct QV_HASH_TABLE QV_HASH_TABLE;
@@ -966,8 +966,8 @@ QV_API void __QvDestroyHashTable(QV_HASH_TABLE* table, QV_HASH_FREE_DATA freeDat
  * producer and a consumer take different locks and write no word in common. An operation is constant
  * time, one allocation or one release, and at most two locks; a search is linear.
  *
- * No lock of the queue is held while memory is allocated or released, so a memory collector may use
- * queues. A null queue: empty, and a call does nothing. The locks are the library's: do not take
+ * No lock of the queue is held while memory is allocated, so a memory collector may use queues. A node is
+ * given back under the head lock. A null queue: empty, and a call does nothing. The locks are the library's: do not take
  * them. */
 typedef struct QV_QUEUE_NODE {
   uint64_t value;
@@ -1223,7 +1223,7 @@ QV_API void __QvPrintOutMultiSet(const QV_MULTISET* multiset); /* does nothing *
  *
  * No locks: the caller serialises all calls on one table, lookups too. destroyItem runs when nothing in
  * the table names the range any more, and may use the table, except to destroy it. A memory collector
- * must keep away from a table whose insertion made it run.
+ * that an insertion made run may remove ranges of the same table, but not insert into it.
  *
  * The caller keeps the ranges disjoint. Where an inserted range overlaps one that is there, a block
  * that both need stays with the old one (32-byte blocks with chains take both). If it gets no block at

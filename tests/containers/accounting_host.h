@@ -17,6 +17,7 @@ namespace qvtest {
 struct AccountingHost {
   std::mutex lock;
   std::map<void*, uint64_t> blocks;
+  void (*beforeAllocation)(uint64_t bytes) = nullptr;
 
   static AccountingHost& Get() {
     static AccountingHost host;
@@ -24,6 +25,7 @@ struct AccountingHost {
   }
   static void* Allocate(uint64_t bytes) {
     AccountingHost& host = Get();
+    if (host.beforeAllocation != nullptr) host.beforeAllocation(bytes);
     const std::lock_guard guard(host.lock);
     void* const block = malloc(bytes);
     memset(block, 0xA5, bytes);

@@ -561,6 +561,57 @@ TEST(RangeTable, ItemDestructorsMayUseTheTable) {
   EndTable(g_used);
 }
 
+// ---- A memory collector in the middle of an insertion -----------------------------------------------
+
+Table* g_collected;
+uint32_t g_collections;
+std::mt19937 g_random(5);
+
+// Gives up every range, or about every second one.
+void GiveRangesUp() {
+  g_collections++;
+  if (g_collections % 2 == 0) return __QvScanAndEmptyRangeTable(g_collected);
+  for (uint64_t low = 0; low < 1 << 20; low += 512) {
+    if (g_random() % 2 == 0) __QvDestroyRangeTableSpan(g_collected, low, 256, nullptr, nullptr);
+  }
+}
+
+// Blocks of all sizes are taken beside the table and kept, so that slabs run out now for a record, now for
+// a link or an entry.
+TEST(RangeTable, AMemoryCollectorMayRemoveRangesAmidAnInsertion) {
+  const qvtest::ChildResult child = qvtest::RunChild([] {
+    qvtest::InstallAccountingHost();
+    __QvInitializeMemoryCollector();
+    __QvRegisterMemoryCollector(GiveRangesUp);
+    Table* const table = __QvCreateRangeTable(4096, kCategory, 0, 0, DestroyItem);
+    g_collected = table;
+    qvtest::AccountingHost::Get().beforeAllocation = __QvAsynchronousCollectMemory;
+    std::vector<void*> kept;
+    uint32_t amid = 0;
+    for (uint64_t i = 0; i < 20000; i++) {
+      const uint64_t start = g_random() % (1 << 15) * 32 + g_random() % 2 * 8;
+      const uint64_t length = i % 50 == 0 ? 3000 : 1 + g_random() % 40;
+      for (int taken = 0; taken < 8; taken++) {
+        kept.push_back(__QvMalloc(kCategory, uint32_t(8 + 16 * (g_random() % 4)), 0));
+      }
+      const uint32_t before = g_collections;
+      __QvInsertRangeTableEntry(table, start, start + length, i + 1);
+      if (g_collections == before) continue;
+      amid++;
+      CHECK(qv::ValidateRangeTable(*table) == nullptr);
+      __QvRemoveRangeTableEntry(table, start, start + length);
+      CHECK(qv::ValidateRangeTable(*table) == nullptr);
+    }
+    CHECK(amid > 20);
+    qvtest::AccountingHost::Get().beforeAllocation = nullptr;
+    for (void* const block : kept) __QvFree(block);
+    __QvScanAndEmptyRangeTable(table);
+    __QvDestroyRangeTable(table);
+    CHECK_EQ(BytesInUse(kCategory), 0u);
+  });
+  ASSERT_EQ(child.status, 0) << child.err;
+}
+
 TEST(RangeTable, NullAndMisusedArguments) {
   uint64_t start = 1, end = 1;
   __QvInsertRangeTableEntry(nullptr, 1, 2, 3);
