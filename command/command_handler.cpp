@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
@@ -21,16 +22,30 @@ namespace {
 constexpr char kLockFileName[] = "obkcmds.dat";
 constexpr size_t kPathBytes = sizeof(CollectorCommandHandler::lockFilePath);
 
-// The path of the lock file in a directory; false if it does not fit.
-bool BuildLockFilePath(const char* directory, char (&path)[kPathBytes]) {
-  path[0] = 0;
-  if (directory != nullptr && *directory != 0) {
-    const size_t length = strlen(directory);
-    if (length >= kPathBytes) return false;
-    memcpy(path, directory, length + 1);
-    __QvSanitizePath(path);
+// Process-wide state.
+constinit uint32_t g_taker = 0;  // process id of who holds the guard (5), or 0
+
+class TakingGuard : qv::NonCopyable {
+ public:
+  TakingGuard() {
+    const uint32_t me = uint32_t(getpid());
+    for (;;) {
+      const uint32_t taker = qv::LoadRelaxed(g_taker);
+      if (taker != me && qv::TryExchange(g_taker, me, taker)) return;
+      sched_yield();
+    }
   }
-  const size_t length = strlen(path);
+  ~TakingGuard() { qv::StoreRelease(g_taker, 0u); }
+};
+
+// The path of the lock file in a directory, runs of slashes made one; false if it does not fit.
+bool BuildLockFilePath(const char* directory, char (&path)[kPathBytes]) {
+  size_t length = 0;
+  for (const char* c = directory != nullptr ? directory : ""; *c != 0; c++) {
+    if (*c == '/' && length > 0 && path[length - 1] == '/') continue;
+    if (length + sizeof kLockFileName >= kPathBytes) return false;
+    path[length++] = *c;
+  }
   const bool needsSlash = length > 0 && path[length - 1] != '/';
   if (length + needsSlash + sizeof kLockFileName > kPathBytes) return false;
   if (needsSlash) path[length] = '/';
@@ -94,25 +109,23 @@ bool CreateSemaphore(CollectorCommandHandler& handler) {
 bool AttachSegment(CollectorCommandHandler& handler) {
   void* const area = shmat(handler.sharedMemoryId, nullptr, 0);
   if (area == reinterpret_cast<void*>(-1)) return false;
-  handler.sharedArea = static_cast<CommandArea*>(area);
+  qv::StoreRelease(handler.sharedArea, static_cast<CommandArea*>(area));
   return true;
 }
 
 // An instance is used again without having been cleaned up: its fields are set free, and what this
-// process made goes. The area stays attached, since the former worker may be just reading it. Gives the
-// former semaphore, which the new channel may take over, or -1. In the child of a fork the channel is
-// the parent's, who keeps it.
+// process made goes. Gives the former semaphore, which the new channel may take over, or -1. In the child
+// of a fork the channel is the parent's, who keeps it.
 int GiveUpFormer(CollectorCommandHandler& handler) {
+  const TakingGuard guard;
   int semaphore = -1;
   shmid_ds info;
-  if (handler.sharedMemoryId != -1 && shmctl(handler.sharedMemoryId, IPC_STAT, &info) == 0) {
-    if (info.shm_cpid == getpid()) {
-      shmctl(handler.sharedMemoryId, IPC_RMID, nullptr);
-      semaphore = handler.semaphoreId;
-    } else if (handler.sharedArea != nullptr) {
-      shmdt(handler.sharedArea);
-    }
+  if (handler.sharedMemoryId != -1 && shmctl(handler.sharedMemoryId, IPC_STAT, &info) == 0 &&
+      info.shm_cpid == getpid()) {
+    shmctl(handler.sharedMemoryId, IPC_RMID, nullptr);
+    semaphore = handler.semaphoreId;
   }
+  if (handler.sharedArea != nullptr) shmdt(handler.sharedArea);
   if (handler.lockFileDescriptor != -1) close(handler.lockFileDescriptor);
   handler.sharedArea = nullptr;
   handler.lockFileDescriptor = handler.sharedMemoryId = -1;
@@ -184,6 +197,7 @@ int CollectorCommandHandler::createSharedMemoryAndLockFile() {
 }
 
 void CollectorCommandHandler::destroySharedMemoryAndLockFile(_QVCMDHDLRCLEANEXTENT extent) {
+  const TakingGuard guard;
   if (sharedArea != nullptr) {
     shmdt(sharedArea);
     sharedArea = nullptr;
@@ -217,18 +231,22 @@ int CollectorCommandHandler::releaseLock() { return flock(lockFileDescriptor, LO
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wframe-larger-than="
 int CollectorCommandHandler::processCommands() {
-  if (sharedArea == nullptr) return -1;
-  if (qv::LoadAcquire(sharedArea->pending) == 0) return 0;
-  if (!acquireLock()) return 1;
   CommandRecord records[uint32_t{QV_COMMAND_RECORDS}];
-  const int32_t pending = qv::LoadAcquire(sharedArea->pending);
-  const uint32_t count = pending < 1 ? 0
-                         : uint32_t(pending) < uint32_t{QV_COMMAND_RECORDS}
-                             ? uint32_t(pending)
-                             : uint32_t{QV_COMMAND_RECORDS};
-  memcpy(records, sharedArea->records, count * sizeof(CommandRecord));
-  qv::StoreRelease(sharedArea->pending, 0);
-  releaseLock();
+  uint32_t count = 0;
+  {
+    const TakingGuard guard;
+    CommandArea* const area = qv::LoadAcquire(sharedArea);
+    if (area == nullptr) return -1;
+    if (qv::LoadAcquire(area->pending) == 0) return 0;
+    if (!acquireLock()) return 1;
+    const int32_t pending = qv::LoadAcquire(area->pending);
+    if (pending > 0) {
+      count = uint32_t(pending < QV_COMMAND_RECORDS ? pending : int32_t{QV_COMMAND_RECORDS});
+    }
+    memcpy(records, area->records, count * sizeof(CommandRecord));
+    qv::StoreRelease(area->pending, 0);
+    releaseLock();
+  }
   for (uint32_t i = 0; i < count && commandCallback != nullptr; i++) {
     const int32_t* const a = records[i].arguments;
     commandCallback(a[0], a[1], a[2], a[3], a[4], records[i].payload, callbackContext);

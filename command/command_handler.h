@@ -16,6 +16,9 @@
 //  (3) What the area holds is another process's word: counts are read once and clamped.
 //  (4) The worker does not look at the channel before set-up is over: g_setUp moves from kRunning to
 //      kDone or kFailed with release order, and the worker waits for that with acquire.
+//  (5) A channel is taken from, and taken away, under one process-wide guard: a worker never finds the area
+//      detached or the lock file closed amid its taking. No callback runs and nothing waits under it. The
+//      child of a fork takes it over from a thread of its parent's.
 #pragma once
 
 #include "runtime/atomics.h"

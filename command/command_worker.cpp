@@ -29,7 +29,7 @@ constinit pthread_t g_registrar = {};     // who sets up while that is kRunning
 constinit uint32_t g_last = 0;            // number of the last registration
 constinit uint32_t g_current = 0;         // number of the one whose channel there is
 constinit uint32_t g_served = 0;          // number of the one that a worker serves
-constinit uint32_t g_stopped = 0;         // number of the last one at the last shutdown
+constinit uint32_t g_stopped = 0;  // number of the last one whose worker took a shutdown's wake-up
 
 bool StopRequested() { return qv::LoadAcquire(g_stopRequested) != 0; }
 
@@ -43,7 +43,7 @@ bool AwaitSetUp(uint32_t registration) {
 }
 
 // A worker whose registration failed may start late and take a later one for its own: only one serves,
-// and none after the shutdown, whose wake-up the other has had.
+// and only one takes the wake-up of a shutdown.
 bool Claim(uint32_t registration) {
   const uint32_t served = qv::LoadAcquire(g_served);
   return served != registration && qv::TryExchange(g_served, registration, served) &&
@@ -74,12 +74,13 @@ void ServeCommands(uint32_t registration, const timespec* timeOut) {
       if (wake == Wake::kPosted) Post(0);
       return;
     }
-    if (StopRequested()) return;
-    if (wake == Wake::kPosted) {
-      theCommandHandler.processCommands();
-    } else {
-      theCommandHandler.processHeartbeat();
+    if (StopRequested()) {
+      qv::StoreRelease(g_stopped, registration);
+      return;
     }
+    // Records that a wake-up had to leave, since a controller held the lock, are still there.
+    if (wake == Wake::kTimedOut) theCommandHandler.processHeartbeat();
+    theCommandHandler.processCommands();
   }
 }
 
@@ -98,7 +99,6 @@ void EndSetUp(SetUp result) { qv::CompareExchange(g_setUp, uint32_t{result}, uin
 void StopCommandWorker(void*) {
   if (qv::LoadAcquire(g_workerThreadId) == 0) return;
   qv::StoreRelease(g_stopRequested, 1u);
-  qv::StoreRelease(g_stopped, qv::LoadAcquire(g_last));
   EndSetUp(kFailed);  // one that waits for the lock file: its worker must not wait on
   Post(SEM_UNDO);
   qv::g_threadProcs.wait(&g_workerThreadId, 1000, nullptr);

@@ -211,7 +211,7 @@ TEST(CommandChannel, RefusalsCreateNothing) {
     CHECK_EQ(__QvRegisterCommandHandler("", nullptr, &delivered), 0);
     std::string longest(4096 - 13, 'd');  // with '/' and the name one byte too many
     CHECK_EQ(__QvRegisterCommandHandler(longest.c_str(), OnCommand, &delivered), 0);
-    longest.assign(100000, '/');
+    longest.assign(100000, 'd');
     CHECK_EQ(__QvRegisterCommandHandler(longest.c_str(), OnCommand, &delivered), 0);
     CHECK_EQ(__QvRegisterCommandHandler("no/such/directory", OnCommand, &delivered), 0);
     CHECK_EQ(access("obkcmds.dat", F_OK), -1);
@@ -234,7 +234,8 @@ TEST(CommandChannel, RefusalsCreateNothing) {
       shmid_ds info;
       if (shmctl(i, SHM_STAT, &info) != -1) CHECK(info.shm_cpid != getpid());
     }
-    CHECK_EQ(__QvRegisterCommandHandler("", OnCommand, &delivered), 1);  // and after all that it works
+    longest.assign(100000, '/');  // counts as one; and after all that it works
+    CHECK_EQ(__QvRegisterCommandHandler(("." + longest).c_str(), OnCommand, &delivered), 1);
     __QvShutdownCommandHandler();
     __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
   });
@@ -330,6 +331,91 @@ TEST(CommandChannel, RegisteredAgainItMovesAndLosesNothing) {
     usleep(20000);
     CHECK_EQ(last.Pending(), 1);
     CHECK_EQ(first.Count() + second.Count(), 21u);
+    __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+  });
+  EXPECT_TRUE(child.Ok()) << child.status << child.err;
+}
+
+// A controller may post before it has let the lock go.
+TEST(CommandChannel, WhatABusyLockLeftIsDeliveredAtTheNextHeartbeat) {
+  const auto child = qvtest::RunChild([] {
+    QvHostInstall();
+    Delivered delivered;
+    CHECK_EQ(__QvRegisterCommandHandlerWithHeartbeat("", OnCommand, &delivered, 1), 1);
+    Controller controller("obkcmds.dat");
+    controller.Lock();
+    controller.Write(0, 5, "");
+    controller.SetPending(1);
+    controller.Post();
+    Await([&] { return semctl(controller.SemaphoreId(), 0, GETVAL) == 0; });
+    usleep(50000);
+    CHECK(delivered.Count() == 0 && controller.Pending() == 1);
+    controller.Unlock();
+    Await([&] { return delivered.Count() >= 2; });
+    CHECK(delivered.codes[0] == QV_HEARTBEAT_CODE && delivered.codes[1] == 5);
+    __QvShutdownCommandHandler();
+    __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+  });
+  EXPECT_TRUE(child.Ok()) << child.status << child.err;
+}
+
+// An engine that starts a worker when it is told to.
+QV_THREAD_FUNCTION g_worker;
+void InstallLateHost() {
+  QvHostInstall();
+  __QvSetThreadProcs(
+      [](QV_THREAD_FUNCTION function, intptr_t, uint64_t, uint64_t* handle) {
+        g_worker = function;
+        return uint32_t(*handle = 1);
+      },
+      [](int32_t) {}, [](uint64_t*, uint32_t, int32_t*) { return 1u; },
+      [](QV_FINI_FUNCTION, void*) { return 1u; });
+}
+
+// The workers find the area and the lock file whole or gone, never on their way out.
+TEST(CommandChannel, IsTakenAwayAndMovedWhileAWorkerTakesRecords) {
+  const auto child = qvtest::RunChild([] {
+    InstallLateHost();
+    Delivered delivered;
+    CHECK_EQ(__QvRegisterCommandHandler("", OnCommand, &delivered), 1);
+    std::atomic<bool> stop = false;
+    std::thread flood([&] {
+      while (!stop) theCommandHandler.processCommands();
+    });
+    std::thread sender([&] {
+      while (!stop) {
+        CommandArea* const area =
+            static_cast<CommandArea*>(shmat(theCommandHandler.sharedMemoryId, nullptr, 0));
+        if (area == reinterpret_cast<CommandArea*>(-1)) continue;
+        __atomic_store_n(&area->pending, 3, __ATOMIC_RELEASE);
+        shmdt(area);
+      }
+    });
+    for (int i = 0; i < 400; i++) {
+      if (i % 4 == 3) __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+      CHECK_EQ(__QvRegisterCommandHandler("", OnCommand, &delivered), 1);
+    }
+    Await([&] { return delivered.Count() > 0; });
+    stop = true;
+    flood.join();
+    sender.join();
+    __QvShutdownCommandHandler();
+    __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+  });
+  EXPECT_TRUE(child.Ok()) << child.status << child.err;
+}
+
+// The worker of a channel that was shut down before it began takes the wake-up that is there for it.
+TEST(CommandChannel, ALateWorkerTakesTheWakeUpOfTheShutdown) {
+  const auto child = qvtest::RunChild([] {
+    InstallLateHost();
+    CHECK_EQ(__QvRegisterCommandHandler("", OnCommand, nullptr), 1);
+    const int semaphore = theCommandHandler.semaphoreId;
+    __QvShutdownCommandHandler();
+    CHECK_EQ(semctl(semaphore, 0, GETVAL), 1);
+    g_worker(0);
+    CHECK_EQ(semctl(semaphore, 0, GETVAL), 0);
+    g_worker(0);  // another one finds that taken
     __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
   });
   EXPECT_TRUE(child.Ok()) << child.status << child.err;
