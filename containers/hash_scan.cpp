@@ -102,11 +102,12 @@ int32_t VisitNothing(void*, uint64_t) { return 0; }
 
 // Each entry leaves its chain after its callbacks and before it is freed: a callback that reads the table
 // still finds what is being destroyed, and never a freed entry.
-void DestroyChain(const QV_HASH_TABLE& leaf, QV_HASH_BUCKET& bucket, QV_HASH_FREE_DATA freeData) {
+void DestroyChain(const HashTable& leaf, QV_HASH_BUCKET& bucket, QV_HASH_FREE_DATA freeData) {
   while (QV_HASH_ENTRY* const entry = bucket.head) {
     if (freeData != nullptr) freeData(entry->data);
     ReleaseKeyOf(leaf, *entry);
     bucket.head = entry->next;
+    if (leaf.plain) CopyHead(leaf, &bucket.head);
     Release(entry);
   }
 }
@@ -160,16 +161,19 @@ const char* ValidateSubTable(const QV_HASH_TABLE& table, const QV_HASH_BUCKET& b
   return ValidateHashTable(*subTable);
 }
 
-const char* ValidateBucket(const QV_HASH_TABLE& table, const QV_HASH_BUCKET& bucket, int32_t& count) {
+const char* ValidateBucket(const HashTable& table, const QV_HASH_BUCKET& bucket, int32_t& count) {
+  if (table.plain && HeadsOf(table)[&bucket - table.buckets] != bucket.head)
+    return "a head is not copied";
   if (Locks(table) && !IsFree(bucket.lock)) return "a bucket's lock is held";
   return table.level > 0 ? ValidateSubTable(table, bucket, count) : ValidateChain(table, bucket, count);
 }
 
 }  // namespace
 
-const char* ValidateHashTable(const QV_HASH_TABLE& table) {
+const char* ValidateHashTable(const QV_HASH_TABLE& ofTool) {
+  const HashTable& table = static_cast<const HashTable&>(ofTool);
   if (Locks(table) && !IsFree(table.lock)) return "a table's lock is held";
-  if (static_cast<const HashTable&>(table).scans != nullptr) return "a scan has left its mark behind";
+  if (table.scans != nullptr) return "a scan has left its mark behind";
   if (table.bucketCount != 1 << table.bucketBits || table.bucketBits < 8) return "bucket count";
   int32_t count = 0;
   for (int32_t i = 0; i < table.bucketCount; i++) {

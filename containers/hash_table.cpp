@@ -32,7 +32,7 @@ constexpr uint32_t kEntryBytes = sizeof(QV_HASH_ENTRY);
 constexpr uint32_t kEntryBytesWithoutLock = offsetof(QV_HASH_ENTRY, lock);
 // A bucket array is one allocation, so it must stay below 4 GiB.
 constexpr int32_t kMostBuckets = 1 << 26;
-static_assert(uint64_t{kMostBuckets} * sizeof(QV_HASH_BUCKET) < 0xFFFFFFE8);
+static_assert(uint64_t{kMostBuckets} * (sizeof(QV_HASH_BUCKET) + 8) < 0xFFFFFFE8);
 constexpr uint32_t kSubTableSpinCount = 500;
 
 template <uint32_t k>
@@ -59,13 +59,14 @@ void FillHashFunctions(QV_HASH_TABLE& table, const QV_HASH_FUNCTION* given, int3
   }
 }
 
-QV_HASH_BUCKET* AllocateBuckets(const QV_HASH_TABLE& table, int32_t count) {
-  const uint32_t bytes = uint32_t(count) * uint32_t{sizeof(QV_HASH_BUCKET)};
+QV_HASH_BUCKET* AllocateBuckets(const HashTable& table, int32_t count) {
+  const uint32_t bytes = uint32_t(count) * BytesPerBucket(table);
   return static_cast<QV_HASH_BUCKET*>(Allocate(CategoryOf(table.flags), bytes));
 }
 
-void InitializeBuckets(QV_HASH_TABLE& table) {
+void InitializeBuckets(HashTable& table) {
   const bool locks = Locks(table);
+  if (table.plain) memset(HeadsOf(table), 0, size_t(table.bucketCount) * sizeof(QV_HASH_ENTRY*));
   for (int32_t i = 0; i < table.bucketCount; i++) {
     if (locks) SharedInitialize(table.buckets[i].lock, 0);
     table.buckets[i].head = nullptr;
@@ -114,27 +115,28 @@ QV_INLINE HashTable& LeafForInsertion(QV_HASH_TABLE* table, uint64_t key) {
 
 // ---- Growth -----------------------------------------------------------------------------------------
 
-void PushEntry(QV_HASH_BUCKET& bucket, QV_HASH_ENTRY* entry) {
+void PushEntry(HashTable& leaf, QV_HASH_BUCKET& bucket, QV_HASH_ENTRY* entry) {
   entry->next = bucket.head;
   bucket.head = entry;
+  if (leaf.plain) HeadsOf(leaf)[&bucket - leaf.buckets] = entry;
 }
 
 // Every chain from its head, each entry to the head of its new chain: a chain that stays together ends
 // up the other way round.
-void MoveChain(QV_HASH_TABLE& leaf, QV_HASH_ENTRY* entry) {
+void MoveChain(HashTable& leaf, QV_HASH_ENTRY* entry) {
   while (entry != nullptr) {
     QV_HASH_ENTRY* const next = entry->next;
-    PushEntry(BucketAt(leaf, LeafHash(leaf, entry->key)), entry);
+    PushEntry(leaf, BucketAt(leaf, LeafHash(leaf, entry->key)), entry);
     entry = next;
   }
 }
 
 // The array made by growth has its locks initialised whether the table locks or not.
-QV_COLD void GrowSlow(QV_HASH_TABLE& leaf) {
+QV_COLD void GrowSlow(HashTable& leaf) {
   QV_HASH_BUCKET* const old = leaf.buckets;
   const int32_t oldCount = leaf.bucketCount;
   QV_HASH_BUCKET* const buckets = AllocateBuckets(leaf, oldCount * 2);
-  memset(buckets, 0, size_t(oldCount) * 2 * sizeof(QV_HASH_BUCKET));
+  memset(buckets, 0, size_t(oldCount) * 2 * BytesPerBucket(leaf));
   StoreRelaxed(leaf.buckets, buckets);  // whole words: a prefetch reads them without the lock
   leaf.bucketBits++;
   StoreRelaxed(leaf.bucketCount, oldCount * 2);
@@ -363,13 +365,14 @@ void AddEntry(HashTable& leaf, uint64_t key, void* data) {
   QV_HASH_ENTRY* const entry = NewEntry(leaf, key, data);
   QV_HASH_BUCKET& bucket = BucketAt(leaf, LeafHash(leaf, key));
   if (QV_UNLIKELY(leaf.scans != nullptr)) PassScansSlow(leaf, bucket, entry);
-  PushEntry(bucket, entry);
+  PushEntry(leaf, bucket, entry);
   StoreRelaxed(leaf.count, leaf.count + 1);
 }
 
 void UnlinkEntry(HashTable& leaf, QV_HASH_ENTRY** link) {
   QV_HASH_ENTRY* const entry = *link;
   StoreRelaxed(*link, entry->next);  // a prefetch reads it without the lock of the bucket
+  if (leaf.plain) CopyHead(leaf, link);
   if (QV_UNLIKELY(leaf.scans != nullptr)) LeaveScansSlow(leaf, link, entry);
 }
 
@@ -396,7 +399,7 @@ QV_HASH_TABLE* __QvCreateHashTable(uint32_t flags, const QV_HASH_FUNCTION* hashF
 
 void* __QvLookupHashTable(QV_HASH_TABLE* table, uint64_t key) {
   if (QV_LIKELY(table != nullptr && qv::Own(*table).plain)) {
-    return qv::DataOf(qv::FindPlain(*table, qv::BucketAt(*table, key).head, key));
+    return qv::DataOf(qv::FindPlain(*table, qv::HeadFor(qv::Own(*table), key), key));
   }
   return qv::Lookup(table, key);
 }

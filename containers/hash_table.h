@@ -37,6 +37,25 @@ struct HashTable : QV_HASH_TABLE {
   bool plain;  // a leaf that takes no locks, hashes by the key and compares integers
 };
 
+// A bucket has room for a lock, whether the table locks or not: where look-ups are short, the heads of the
+// chains have most of the cache to fetch. So the array of a plain leaf is followed by the heads alone.
+QV_INLINE QV_HASH_ENTRY** HeadsOf(const QV_HASH_TABLE& leaf) {
+  return reinterpret_cast<QV_HASH_ENTRY**>(leaf.buckets + leaf.bucketCount);
+}
+QV_INLINE uint32_t BytesPerBucket(const HashTable& table) {
+  return uint32_t{sizeof(QV_HASH_BUCKET)} + (table.plain ? uint32_t{sizeof(QV_HASH_ENTRY*)} : 0);
+}
+QV_INLINE QV_HASH_ENTRY* HeadFor(const HashTable& plainLeaf, uint64_t hash) {
+  return HeadsOf(plainLeaf)[hash & uint64_t(plainLeaf.bucketCount - 1)];
+}
+// After a change of the link: it may be a head.
+QV_INLINE void CopyHead(const HashTable& plainLeaf, QV_HASH_ENTRY* const* link) {
+  const uint64_t offset =
+      reinterpret_cast<uint64_t>(link) - reinterpret_cast<uint64_t>(plainLeaf.buckets);
+  const uint64_t bucket = offset / sizeof(QV_HASH_BUCKET);
+  if (bucket < uint64_t(plainLeaf.bucketCount)) HeadsOf(plainLeaf)[bucket] = *link;
+}
+
 QV_INLINE HashTable& Own(QV_HASH_TABLE& table) { return static_cast<HashTable&>(table); }
 
 inline constexpr uint32_t kHashKept =
@@ -118,7 +137,7 @@ QV_INLINE QV_HASH_ENTRY* IfZero(uint64_t word, QV_HASH_ENTRY* one, QV_HASH_ENTRY
 // Which of its first entries ends the search of a chain cannot be predicted. While the table is in the
 // cache, a wrong guess costs more than an entry too many: two a step, the right one by arithmetic. In a
 // larger one the entry too many is a miss of the cache.
-inline constexpr int32_t kMostCachedBuckets = 1 << 15;
+inline constexpr int32_t kMostCachedBuckets = 1 << 17;
 
 QV_INLINE QV_HASH_ENTRY* FindPlainCached(QV_HASH_ENTRY* entry, uint64_t key) {
   while (entry != nullptr) {

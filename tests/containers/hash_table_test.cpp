@@ -27,7 +27,8 @@ uint64_t Number(void* data) { return reinterpret_cast<uint64_t>(data); }
 // What the documented layout takes: records, bucket arrays, and entries that end at their lock where
 // the table does not lock.
 void AddTableBytes(const Table* table, uint64_t& chunks, uint64_t& large) {
-  const uint64_t buckets = ChunkBytes(uint64_t(table->bucketCount) * sizeof(QV_HASH_BUCKET));
+  const uint64_t buckets = ChunkBytes(uint64_t(table->bucketCount) *
+                                      qv::BytesPerBucket(static_cast<const qv::HashTable&>(*table)));
   chunks += ChunkBytes(sizeof(qv::HashTable));
   (buckets > 2046 * 16 ? large : chunks) += buckets;
   const uint64_t entry = (table->flags & QV_HASH_TABLE_NO_LOCKING) != 0 ? 32 : 64;
