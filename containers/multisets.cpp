@@ -6,7 +6,7 @@
 // hence its counts on a multiple, but nothing here depends on that.
 #include <emmintrin.h>
 
-#include "containers/sets.h"
+#include "containers/set_merges.h"
 
 using Chunk = QV_MULTISET_CHUNK;
 

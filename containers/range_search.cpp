@@ -1,6 +1,6 @@
 // Range table: what goes through an interval of addresses, position by position.
 // Design: containers/range_table.h.
-#include "containers/range_table.h"
+#include "containers/range_lookup.h"
 
 namespace qv {
 namespace {

@@ -1,5 +1,5 @@
 // Range table: the exported calls. Design: containers/range_table.h.
-#include "containers/range_table.h"
+#include "containers/range_lookup.h"
 
 #include "memory/allocate.h"
 

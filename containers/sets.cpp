@@ -1,5 +1,5 @@
 // Sets: single elements, comparisons, the scan, and the exported calls. Design: containers/sets.h.
-#include "containers/sets.h"
+#include "containers/set_merges.h"
 
 static_assert(sizeof(QV_SET) == 16 && offsetof(QV_SET, chunks) == 8);
 static_assert(sizeof(QV_SET_CHUNK) == 24 && offsetof(QV_SET_CHUNK, index) == 8 &&
