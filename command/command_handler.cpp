@@ -38,6 +38,17 @@ class TakingGuard : qv::NonCopyable {
   ~TakingGuard() { qv::StoreRelease(g_taker, 0u); }
 };
 
+// Who a record or a heartbeat is for at this moment.
+struct Recipient {
+  QV_COMMAND_CALLBACK callback;
+  void* context;
+  explicit Recipient(const CollectorCommandHandler& handler) {
+    const TakingGuard guard;
+    callback = handler.commandCallback;
+    context = handler.callbackContext;
+  }
+};
+
 // The path of the lock file in a directory, runs of slashes made one; false if it does not fit.
 bool BuildLockFilePath(const char* directory, char (&path)[kPathBytes]) {
   size_t length = 0;
@@ -127,7 +138,7 @@ int GiveUpFormer(CollectorCommandHandler& handler) {
   }
   if (handler.sharedArea != nullptr) shmdt(handler.sharedArea);
   if (handler.lockFileDescriptor != -1) close(handler.lockFileDescriptor);
-  handler.sharedArea = nullptr;
+  qv::StoreRelease(handler.sharedArea, static_cast<CommandArea*>(nullptr));
   handler.lockFileDescriptor = handler.sharedMemoryId = -1;
   qv::StoreRelaxed(handler.semaphoreId, -1);
   return semaphore;
@@ -175,15 +186,21 @@ CollectorCommandHandler::~CollectorCommandHandler() {}
 int CollectorCommandHandler::initializeCommandHandler(const char* directory,
                                                       QV_COMMAND_CALLBACK callback, void* context) {
   if (callback == nullptr) return 0;
-  commandCallback = callback;
-  callbackContext = context;
+  {
+    const TakingGuard guard;
+    commandCallback = callback;
+    callbackContext = context;
+  }
   if (!BuildLockFilePath(directory, lockFilePath)) return 0;
   const int former = GiveUpFormer(*this);
   const int created = createSharedMemoryAndLockFile();
   if (former != -1 && former != semaphoreId) semctl(former, 0, IPC_RMID);
   if (created == 0) return 0;
-  memset(sharedArea, 0, sizeof(CommandArea));
-  qv::StoreRelease(sharedArea->ready, 1u);
+  {
+    const TakingGuard guard;  // a former worker may see the new area already
+    memset(sharedArea, 0, sizeof(CommandArea));
+    qv::StoreRelease(sharedArea->ready, 1u);
+  }
   releaseLock();
   return 1;
 }
@@ -200,7 +217,7 @@ void CollectorCommandHandler::destroySharedMemoryAndLockFile(_QVCMDHDLRCLEANEXTE
   const TakingGuard guard;
   if (sharedArea != nullptr) {
     shmdt(sharedArea);
-    sharedArea = nullptr;
+    qv::StoreRelease(sharedArea, static_cast<CommandArea*>(nullptr));
   }
   if (sharedMemoryId != -1) {
     shmctl(sharedMemoryId, IPC_RMID, nullptr);
@@ -247,18 +264,19 @@ int CollectorCommandHandler::processCommands() {
     qv::StoreRelease(area->pending, 0);
     releaseLock();
   }
-  for (uint32_t i = 0; i < count && commandCallback != nullptr; i++) {
+  for (uint32_t i = 0; i < count; i++) {
+    const Recipient to(*this);  // a callback may have registered another one
+    if (to.callback == nullptr) break;
     const int32_t* const a = records[i].arguments;
-    commandCallback(a[0], a[1], a[2], a[3], a[4], records[i].payload, callbackContext);
+    to.callback(a[0], a[1], a[2], a[3], a[4], records[i].payload, to.context);
   }
   return 2;
 }
 #pragma GCC diagnostic pop
 
 int CollectorCommandHandler::processHeartbeat() {
-  if (sharedArea == nullptr) return -1;
-  if (commandCallback != nullptr) {
-    commandCallback(QV_HEARTBEAT_CODE, 0, 0, 0, 0, nullptr, callbackContext);
-  }
+  if (qv::LoadAcquire(sharedArea) == nullptr) return -1;
+  const Recipient to(*this);
+  if (to.callback != nullptr) to.callback(QV_HEARTBEAT_CODE, 0, 0, 0, 0, nullptr, to.context);
   return 2;
 }

@@ -372,24 +372,31 @@ void InstallLateHost() {
       [](QV_FINI_FUNCTION, void*) { return 1u; });
 }
 
+// A controller that keeps no rule: three records, whatever is there.
+[[noreturn]] void SendForEver() {
+  for (;;) {
+    const int file = open("obkcmds.dat", O_RDONLY);
+    int32_t segment = -1;
+    if (pread(file, &segment, sizeof segment, 0) != ssize_t{sizeof segment}) segment = -1;
+    close(file);
+    void* const area = shmat(segment, nullptr, 0);
+    if (area == reinterpret_cast<void*>(-1)) continue;
+    __atomic_store_n(&static_cast<CommandArea*>(area)->pending, 3, __ATOMIC_RELEASE);
+    shmdt(area);
+  }
+}
+
 // The workers find the area and the lock file whole or gone, never on their way out.
 TEST(CommandChannel, IsTakenAwayAndMovedWhileAWorkerTakesRecords) {
   const auto child = qvtest::RunChild([] {
     InstallLateHost();
     Delivered delivered;
     CHECK_EQ(__QvRegisterCommandHandler("", OnCommand, &delivered), 1);
+    const pid_t sender = fork();
+    if (sender == 0) SendForEver();
     std::atomic<bool> stop = false;
     std::thread flood([&] {
       while (!stop) theCommandHandler.processCommands();
-    });
-    std::thread sender([&] {
-      while (!stop) {
-        CommandArea* const area =
-            static_cast<CommandArea*>(shmat(theCommandHandler.sharedMemoryId, nullptr, 0));
-        if (area == reinterpret_cast<CommandArea*>(-1)) continue;
-        __atomic_store_n(&area->pending, 3, __ATOMIC_RELEASE);
-        shmdt(area);
-      }
     });
     for (int i = 0; i < 400; i++) {
       if (i % 4 == 3) __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
@@ -398,7 +405,8 @@ TEST(CommandChannel, IsTakenAwayAndMovedWhileAWorkerTakesRecords) {
     Await([&] { return delivered.Count() > 0; });
     stop = true;
     flood.join();
-    sender.join();
+    kill(sender, SIGKILL);
+    CHECK_EQ(waitpid(sender, nullptr, 0), sender);
     __QvShutdownCommandHandler();
     __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
   });
