@@ -372,9 +372,9 @@ void InstallLateHost() {
       [](QV_FINI_FUNCTION, void*) { return 1u; });
 }
 
-// A controller that keeps no rule: three records, whatever is there.
-[[noreturn]] void SendForEver() {
-  for (;;) {
+// A controller that keeps no rule, for as long as the tool lives: three records, whatever is there.
+[[noreturn]] void SendForEver(pid_t tool) {
+  while (getppid() == tool) {
     const int file = open("obkcmds.dat", O_RDONLY);
     int32_t segment = -1;
     if (pread(file, &segment, sizeof segment, 0) != ssize_t{sizeof segment}) segment = -1;
@@ -384,6 +384,7 @@ void InstallLateHost() {
     __atomic_store_n(&static_cast<CommandArea*>(area)->pending, 3, __ATOMIC_RELEASE);
     shmdt(area);
   }
+  _exit(0);
 }
 
 // The workers find the area and the lock file whole or gone, never on their way out.
@@ -392,8 +393,9 @@ TEST(CommandChannel, IsTakenAwayAndMovedWhileAWorkerTakesRecords) {
     InstallLateHost();
     Delivered delivered;
     CHECK_EQ(__QvRegisterCommandHandler("", OnCommand, &delivered), 1);
+    const pid_t tool = getpid();
     const pid_t sender = fork();
-    if (sender == 0) SendForEver();
+    if (sender == 0) SendForEver(tool);
     std::atomic<bool> stop = false;
     std::thread flood([&] {
       while (!stop) theCommandHandler.processCommands();
