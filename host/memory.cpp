@@ -90,9 +90,7 @@ void Unmap(char* pages, uint64_t bytes) {
   qv::FetchAdd(g_bytesMapped, uint64_t{0} - bytes);
 }
 
-void WantHugePages(char* pages, uint64_t bytes) {
-  if (LoadRelaxed(g_smallPages) == 0) madvise(pages, bytes, MADV_HUGEPAGE);
-}
+void WantHugePages(char* pages, uint64_t bytes) { madvise(pages, bytes, MADV_HUGEPAGE); }
 
 // Maps a huge page more than needed and gives back what lies outside the boundaries.
 char* MapAligned(uint64_t bytes) {
@@ -102,7 +100,6 @@ char* MapAligned(uint64_t bytes) {
   const uint64_t before = RoundUp(address, kHugePageBytes) - address;
   Unmap(pages, before);
   Unmap(pages + before + bytes, kHugePageBytes - before);
-  WantHugePages(pages + before, bytes);
   return pages + before;
 }
 
@@ -131,12 +128,21 @@ bool AddressSpaceIsLimited() {
   return getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY;
 }
 
+// How much of a new region is to be on huge pages, from its start. The process's first block is the
+// size-class table, which the library writes from end to end as the process starts: in small pages
+// those are 1,280 page faults, three milliseconds where huge pages take one.
+uint64_t HugeBytesLocked(uint64_t regionBytes, uint64_t neededBytes) {
+  if (LoadRelaxed(g_smallPages) == 0) return regionBytes;
+  return g_uncut == nullptr ? RoundUp(neededBytes, kHugePageBytes) : 0;
+}
+
 // Where address space is short a smaller region may still be had.
 bool OpenRegionLocked(uint64_t neededBytes) {
   const uint64_t wanted = AddressSpaceIsLimited() ? RoundUp(neededBytes, kHugePageBytes) : kRegionBytes;
   for (uint64_t bytes = wanted; bytes >= kHugePageBytes && bytes >= neededBytes; bytes /= 2) {
     char* const region = MapAligned(bytes);
     if (region == nullptr) continue;
+    WantHugePages(region, HugeBytesLocked(bytes, neededBytes));
     CutIntoSlabsLocked(g_uncut, g_uncutBytes);
     g_uncut = region;
     g_uncutBytes = bytes;
@@ -182,7 +188,9 @@ BlockHeader* TakeMapping(uint64_t requestedBytes) {
   char* const pages = Map(MappingBytes(requestedBytes));
   if (pages == nullptr) return nullptr;
   // A reserve is held, not used: on a huge page its link word alone would make 2 MiB resident.
-  if (requestedBytes != QV_RESERVE_BYTES) WantHugePages(pages, MappingBytes(requestedBytes));
+  if (requestedBytes != QV_RESERVE_BYTES && LoadRelaxed(g_smallPages) == 0) {
+    WantHugePages(pages, MappingBytes(requestedBytes));
+  }
   BlockHeader* const header = reinterpret_cast<BlockHeader*>(pages);
   *header = {requestedBytes, 0, Mark::kGivenOut};
   return header;

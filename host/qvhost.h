@@ -62,8 +62,9 @@ void QvHostInstall(void);
 void* QvHostAllocate(uint64_t sizeBytes);
 void QvHostFree(void* block);
 
-/* From now on nothing asks for huge pages: what is touched becomes resident, no more. For a tool in a program
- * to which some megabytes matter more than the speed of the tool's own tables. */
+/* From now on nothing asks for huge pages but the process's first block, the size-class table, which is
+ * written whole as it is made: of the rest, what is touched becomes resident, no more. For a tool in a
+ * program to which some megabytes matter more than the speed of the tool's own tables. */
 void QvHostUseSmallPages(void);
 
 /* A ceiling on the bytes given out and not yet taken back, so that a shortage can be provoked: an
