@@ -8,7 +8,6 @@
 #include <string>
 
 #include "collectors/qvheap/debug.h"
-#include "host/qvhost.h"
 #include "tools/qvheap/program.h"
 
 namespace qvheap {
@@ -67,8 +66,9 @@ void CheckValues(const OptionParser& parser) {
 
 }  // namespace
 
+// No host is installed: the little that one thread needs comes from the library's own pages, while the
+// allocator's table would be the largest part of what qvheap adds to a short program.
 CommandLine ReadCommandLine(char** arguments) {
-  QvHostInstall();
   __QvRtStartup();
   __QvCreateLogger("qvheap", "/dev/null", 1);  // else the log would open itself, in any case
   CommandLine line = {RegisterOptions(kOptionNames), arguments + 1};
