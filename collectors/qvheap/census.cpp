@@ -107,6 +107,7 @@ void BeginLocked(ThreadRecord& record) {
   record = {};
   record.threadId = MyThreadId();
   record.mayOwe = kSettleBytes;
+  record.settleBelow = -kSettleBytes;
   record.tallies = tallies;
   LinkRunningLocked(record);
   record.ordinal = uint32_t(++g_threads);
@@ -158,6 +159,7 @@ void Settle(ThreadRecord& me) {
   NotePeaks(me, balance);
   __atomic_fetch_add(&g_settledLive, balance - me.settled, __ATOMIC_RELAXED);
   me.settled = balance;
+  me.settleBelow = balance - me.mayOwe;
   if (QVHEAP_UNLIKELY(g_channelState == ChannelState::kDue)) OpenChannelIfDue();
 }
 

@@ -37,9 +37,8 @@
 namespace qvheap {
 
 enum Figure : uint32_t {
-  kAllocations,     // requests that were granted; a realloc that was granted is one too
   kReleases,        // blocks that went back and that we had counted; a realloc's old block is one too
-  kReallocations,   // the reallocs among both
+  kReallocations,   // requests that a realloc made and that were granted
   kBytesAllocated,  // as requested
   kBytesReleased,
   kFailedRequests,
@@ -50,19 +49,23 @@ enum Figure : uint32_t {
 
 inline constexpr uint32_t kSizeBuckets = 49;  // 0; then [2^(k-1), 2^k) for k = 1 to 48
 
+// Allocations, that is requests that were granted (by realloc too), are not counted beside their sizes.
 struct Counts {
   uint64_t figures[kFigures];
   uint64_t peakBytes;  // highest balance
   uint64_t sizes[kSizeBuckets];
 };
 
+// What an allocation or a release reads and writes is at the start, in two or three cache lines.
 struct ThreadRecord {
-  Counts counts;
+  uint64_t wayEnds;     // bytes allocated at which the slow path is taken
   int64_t settled;      // the part of the balance that is in g_settledLive
-  int64_t mayOwe;       // how far the balance may be from it: kSettleBytes, 0 once the thread has ended
+  int64_t settleBelow;  // settled - mayOwe
   int64_t processPeak;  // the highest total that this thread saw
-  int64_t freeWay;      // bytes that may be allocated before the slow path is taken
-  int64_t freeWayBegun;  // what freeWay was when it was last set
+  Counts counts;
+  int64_t
+      mayOwe;  // how far the balance may be from `settled`: kSettleBytes, 0 once the thread has ended
+  uint64_t wayBegan;  // bytes allocated when wayEnds was set
   int64_t untilLook =
       kNeverLook;    // bytes from then to the next allocation that is looked at (sampling.h)
   uint32_t looking;  // 1 while the thread is Looking
@@ -87,9 +90,26 @@ QVHEAP_COLD ThreadRecord* EnterSlow();
 
 // ---- Counting: the hot paths -----------------------------------------------------------------------
 
-QVHEAP_INLINE uint32_t BucketOf(uint64_t bytes) {
+constexpr uint32_t BucketOf(uint64_t bytes) {
   const uint32_t width = bytes == 0 ? 0 : uint32_t(64 - __builtin_clzll(bytes));
   return width < kSizeBuckets ? width : kSizeBuckets - 1;
+}
+
+// Of short sizes: a look-up is half of what computing them takes.
+struct ShortBuckets {
+  uint8_t of[kLargestShortSize + 1];
+};
+inline constexpr ShortBuckets kShortBuckets = [] {
+  ShortBuckets buckets = {};
+  for (uint32_t bytes = 0; bytes <= kLargestShortSize; bytes++)
+    buckets.of[bytes] = uint8_t(BucketOf(bytes));
+  return buckets;
+}();
+
+inline uint64_t AllocationsOf(const Counts& counts) {
+  uint64_t allocations = 0;
+  for (const uint64_t& size : counts.sizes) allocations += Load(size);
+  return allocations;
 }
 
 QVHEAP_INLINE int64_t BalanceOf(const Counts& counts) {
@@ -107,20 +127,23 @@ QVHEAP_INLINE void NotePeaks(ThreadRecord& me, int64_t balance) {
 }
 
 // True if something is to be done on the slow path: the thread may owe no more, or a look is due.
-QVHEAP_INLINE bool CountAllocation(ThreadRecord& me, uint64_t bytes) {
-  Add(me.counts.figures[kAllocations], 1);
+QVHEAP_INLINE bool CountAllocation(ThreadRecord& me, uint64_t bytes, uint32_t bucket) {
   Add(me.counts.figures[kBytesAllocated], bytes);
-  Add(me.counts.sizes[BucketOf(bytes)], 1);
-  me.freeWay -= int64_t(bytes);
-  return QVHEAP_UNLIKELY(me.freeWay <= 0);
+  Add(me.counts.sizes[bucket], 1);
+  return QVHEAP_UNLIKELY(Load(me.counts.figures[kBytesAllocated]) >= me.wayEnds);
 }
 
-QVHEAP_INLINE void CountRelease(ThreadRecord& me, uint64_t bytes) {
+// True if the thread owes too much: it has to settle.
+QVHEAP_INLINE bool CountReleaseOwing(ThreadRecord& me, uint64_t bytes) {
   const int64_t balance = BalanceOf(me.counts);
   NotePeaks(me, balance);
   Add(me.counts.figures[kReleases], 1);
   Add(me.counts.figures[kBytesReleased], bytes);
-  if (QVHEAP_UNLIKELY(balance - int64_t(bytes) - me.settled < -me.mayOwe)) Settle(me);
+  return QVHEAP_UNLIKELY(balance - int64_t(bytes) < me.settleBelow);
+}
+
+QVHEAP_INLINE void CountRelease(ThreadRecord& me, uint64_t bytes) {
+  if (CountReleaseOwing(me, bytes)) Settle(me);
 }
 
 // ---- For the collector's other files ---------------------------------------------------------------

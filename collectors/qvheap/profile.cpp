@@ -25,7 +25,7 @@ constinit uint64_t g_missed = 0;
 
 void StartCountdown(ThreadRecord& me) {
   me.random = SeedFor(g_seed, me.ordinal);
-  me.freeWay = me.freeWayBegun = 0;
+  me.wayEnds = me.wayBegan = Load(me.counts.figures[kBytesAllocated]);
   me.untilLook = !g_looks ? kNeverLook : g_exact ? 0 : DrawCountdown(me.random, g_intervalBytes);
 }
 
@@ -106,13 +106,16 @@ void EndLooks(ThreadRecord& me) {
   GiveRecordsBack(me);
 }
 
-// Free way ends where either has to happen. Releases only lengthen it, so it may end a little early.
-void AllocatedSlow(ThreadRecord& me, const void* block, uint64_t bytes, void* caller) {
-  me.untilLook -= me.freeWayBegun - me.freeWay;
+// The way ends where either has to happen. Releases only lengthen it, so it may end a little early.
+void* AllocatedSlow(ThreadRecord& me, void* block, uint64_t bytes, void* caller) {
+  const uint64_t allocated = Load(me.counts.figures[kBytesAllocated]);
+  me.untilLook -= int64_t(allocated - me.wayBegan);
   if (BalanceOf(me.counts) - me.settled > me.mayOwe) Settle(me);
   if (me.untilLook <= 0) Look(me, block, bytes, caller);
   const int64_t mayAllocate = me.mayOwe - (BalanceOf(me.counts) - me.settled) + 1;
-  me.freeWay = me.freeWayBegun = me.untilLook < mayAllocate ? me.untilLook : mayAllocate;
+  me.wayBegan = allocated;
+  me.wayEnds = allocated + uint64_t(me.untilLook < mayAllocate ? me.untilLook : mayAllocate);
+  return block;
 }
 
 uint64_t ReleaseLookedAt(ThreadRecord& me, const void* block) {

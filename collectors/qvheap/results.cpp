@@ -43,13 +43,11 @@ uint32_t CharacterBytes(const unsigned char* text) {
   return bytes;
 }
 
-constexpr const char* kFigureNames[kFigures] = {"allocations",     "releases",      "reallocations",
-                                                "bytesAllocated",  "bytesReleased", "failedRequests",
-                                                "unknownReleases", "unrecorded"};
+constexpr const char* kFigureNames[kFigures] = {"releases",      "reallocations",  "bytesAllocated",
+                                                "bytesReleased", "failedRequests", "unknownReleases",
+                                                "unrecorded"};
 
-uint64_t LiveBlocks(const Counts& counts) {
-  return counts.figures[kAllocations] - counts.figures[kReleases];
-}
+uint64_t LiveBlocks(const Counts& counts) { return AllocationsOf(counts) - counts.figures[kReleases]; }
 
 void WriteSizes(QV_XML_FILE* file, const Counts& counts) {
   __QvXMLWriteOpeningTag(file, "sizes");
@@ -69,6 +67,7 @@ void WriteSizes(QV_XML_FILE* file, const Counts& counts) {
 }
 
 void WriteCounts(QV_XML_FILE* file, const Counts& counts, uint64_t peakBytes) {
+  WriteNumber(file, "allocations", AllocationsOf(counts));
   for (uint32_t i = 0; i < kFigures; i++) {
     __QvXMLWriteLongDecimalElement(file, kFigureNames[i], int64_t(Load(counts.figures[i])));
   }

@@ -81,18 +81,19 @@ struct __attribute__((packed, may_alias)) LongCode {
   uint64_t bytes;
 };
 
+QVHEAP_INLINE bool IsShort(uint64_t bytes) { return QVHEAP_LIKELY(bytes <= kLargestShortSize); }
+
+QVHEAP_INLINE void KeepShortSize(uint8_t* code, uint64_t bytes) { *code = uint8_t(bytes + 1); }
+QVHEAP_INLINE void KeepLongSize(uint8_t* code, uint64_t bytes) {
+  *reinterpret_cast<LongCode*>(code) = {kLongCode, bytes};
+}
+
 // False if the size could not be kept.
-QVHEAP_INLINE bool KeepSize(const void* block, uint64_t bytes) {
+inline bool KeepSize(const void* block, uint64_t bytes) {
   uint8_t* code = FindCode(block);
-  if (QVHEAP_UNLIKELY(code == nullptr)) {
-    code = MakeCodeSlow(block);
-    if (code == nullptr) return false;
-  }
-  if (QVHEAP_LIKELY(bytes <= kLargestShortSize)) {
-    *code = uint8_t(bytes + 1);
-  } else {
-    *reinterpret_cast<LongCode*>(code) = {kLongCode, bytes};
-  }
+  if (code == nullptr) code = MakeCodeSlow(block);
+  if (code == nullptr) return false;
+  IsShort(bytes) ? KeepShortSize(code, bytes) : KeepLongSize(code, bytes);
   return true;
 }
 
@@ -111,9 +112,14 @@ QVHEAP_INLINE uint64_t ClearCode(uint8_t* code) {
 // forgotten, but TakeSight has to be asked.
 QVHEAP_INLINE uint64_t TakeSize(const void* block) {
   uint8_t* const code = FindCode(block);
-  if (QVHEAP_UNLIKELY(code == nullptr || *code == 0)) return kUnknownSize;
-  if (QVHEAP_UNLIKELY(uint8_t(*code - kInShortCode) <= kInTable - kInShortCode)) return kLookedAt;
-  return ClearCode(code);
+  if (QVHEAP_UNLIKELY(code == nullptr)) return kUnknownSize;
+  const uint64_t bytes = uint64_t{*code} - 1;
+  if (IsShort(bytes)) {
+    *code = 0;
+    return bytes;
+  }
+  if (QVHEAP_LIKELY(*code == kLongCode)) return ClearCode(code);
+  return *code == 0 ? kUnknownSize : kLookedAt;
 }
 
 }  // namespace qvheap

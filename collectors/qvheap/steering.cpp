@@ -60,11 +60,12 @@ void HeartbeatLocked() {
   const Totals totals = SumLocked();
   const Counts& counts = totals.counts;
   const uint64_t* const figures = counts.figures;
+  const uint64_t allocations = AllocationsOf(counts);
   char line[200];
   snprintf(line, sizeof line, "%lu\t%ld\t%ld\t%lu\t%lu\t%lu\t%lu\n",
            MillisecondsNow() - g_process.started, BalanceOf(counts),
-           int64_t(figures[kAllocations] - figures[kReleases]), figures[kAllocations],
-           figures[kReleases], figures[kBytesAllocated], counts.peakBytes);
+           int64_t(allocations - figures[kReleases]), allocations, figures[kReleases],
+           figures[kBytesAllocated], counts.peakBytes);
   AppendToSeriesLocked(kHeadings, line);
 }
 

@@ -32,7 +32,7 @@ __attribute__((format(printf, 1, 2))) void Print(const char* format, ...) {
 void PrintRow(const char* name, uint32_t id, const Counts& counts, uint64_t peakBytes) {
   char label[32];
   snprintf(label, sizeof label, id != 0 ? "%s %u" : "%s", name, id);
-  Print("  %-16s %13lu %13lu %16lu %14ld %16lu\n", label, Load(counts.figures[kAllocations]),
+  Print("  %-16s %13lu %13lu %16lu %14ld %16lu\n", label, AllocationsOf(counts),
         Load(counts.figures[kReleases]), Load(counts.figures[kBytesAllocated]), BalanceOf(counts),
         peakBytes);
 }

@@ -48,7 +48,7 @@ void AddPointLocked() {
   const Totals totals = SumLocked();
   const uint64_t* const figures = totals.counts.figures;
   g_points[g_count++] = {ElapsedMilliseconds(), figures[kBytesAllocated], BalanceOf(totals.counts),
-                         figures[kAllocations] - figures[kReleases]};
+                         AllocationsOf(totals.counts) - figures[kReleases]};
   Store(g_nextMark, Load(g_allocated) + g_step);
 }
 

@@ -31,17 +31,34 @@ QVHEAP_INLINE ThreadRecord* Enter() {
 // stack.
 #define QVHEAP_CALLER __builtin_return_address(0)
 
-// The outcome of a request: counted if it was granted, and perhaps looked at.
-QVHEAP_INLINE void* Note(ThreadRecord& me, void* block, uint64_t bytes, void* caller) {
-  if (IsPaused()) return block;
-  if (QVHEAP_UNLIKELY(block == nullptr)) {
+// A block that has no code yet, or none.
+QVHEAP_COLD void* NoteSlow(ThreadRecord& me, void* block, uint64_t bytes, void* caller) {
+  if (block == nullptr) {
     Add(me.counts.figures[kFailedRequests], 1);
-  } else if (QVHEAP_LIKELY(KeepSize(block, bytes))) {
-    if (CountAllocation(me, bytes)) AllocatedSlow(me, block, bytes, caller);
-  } else {
+  } else if (!KeepSize(block, bytes)) {
     Add(me.counts.figures[kUnrecorded], 1);
+  } else if (CountAllocation(me, bytes, BucketOf(bytes))) {
+    return AllocatedSlow(me, block, bytes, caller);
   }
   return block;
+}
+
+// The outcome of a request: counted if it was granted, and perhaps looked at. Whatever is not the
+// common way ends in a function of its own, so that the wrappers save no registers for it. (Nothing
+// begins in the first bytes of the address space, so a null block is one without a code.)
+QVHEAP_INLINE void* Note(ThreadRecord& me, void* block, uint64_t bytes, void* caller) {
+  if (IsPaused()) return block;
+  uint8_t* const code = FindCode(block);
+  if (QVHEAP_UNLIKELY(code == nullptr)) return NoteSlow(me, block, bytes, caller);
+  bool isSlow;
+  if (IsShort(bytes)) {
+    KeepShortSize(code, bytes);
+    isSlow = CountAllocation(me, bytes, kShortBuckets.of[bytes]);
+  } else {
+    KeepLongSize(code, bytes);
+    isSlow = CountAllocation(me, bytes, BucketOf(bytes));
+  }
+  return isSlow ? AllocatedSlow(me, block, bytes, caller) : block;
 }
 
 // On the collector's own behalf, or while the real functions are being looked for.
@@ -77,6 +94,26 @@ QVHEAP_COLD void FreeUnknown(ThreadRecord& me, void* block) {
   if (IsInArena(block)) return FreeInArena(block);
   Add(me.counts.figures[kUnknownReleases], 1);
   g_real.free(block);
+}
+
+// The block was counted.
+QVHEAP_COLD void SettleAndFree(ThreadRecord& me, void* block) {
+  Settle(me);
+  g_real.free(block);
+}
+
+QVHEAP_INLINE void Free(ThreadRecord& me, void* block) {
+  const uint64_t bytes = TakeSize(block);
+  if (QVHEAP_UNLIKELY(bytes >= kLookedAt)) {
+    return bytes == kLookedAt ? FreeLookedAt(me, block) : FreeUnknown(me, block);
+  }
+  if (CountReleaseOwing(me, bytes)) return SettleAndFree(me, block);
+  g_real.free(block);
+}
+
+QVHEAP_COLD void FreeSlow(void* block) {
+  ThreadRecord* const me = EnterSlow();
+  return me != nullptr ? Free(*me, block) : FreeInside(block);
 }
 
 QVHEAP_COLD void* ReallocateInArena(void* block, size_t bytes) {
@@ -129,10 +166,16 @@ QVHEAP_COLD void* ReallocateLookedAt(ThreadRecord& me, void* block, size_t bytes
   return moved;
 }
 
+QVHEAP_COLD void* AllocateSlow(size_t bytes, void* caller) {
+  ThreadRecord* const me = EnterSlow();
+  if (me == nullptr) return AllocateInside(bytes);
+  return Note(*me, g_real.malloc(bytes), bytes, caller);
+}
+
 // On behalf of an exported function: malloc, where there is no block yet.
 QVHEAP_INLINE void* Allocate(size_t bytes, void* caller) {
-  ThreadRecord* const me = Enter();
-  if (QVHEAP_UNLIKELY(me == nullptr)) return AllocateInside(bytes);
+  ThreadRecord* const me = t_counting;
+  if (QVHEAP_UNLIKELY(me == nullptr)) return AllocateSlow(bytes, caller);
   return Note(*me, g_real.malloc(bytes), bytes, caller);
 }
 
@@ -180,14 +223,9 @@ QVHEAP_EXPORT void* calloc(size_t count, size_t bytes) noexcept {
 
 QVHEAP_EXPORT void free(void* block) noexcept {
   if (block == nullptr) return;
-  ThreadRecord* const me = Enter();
-  if (QVHEAP_UNLIKELY(me == nullptr)) return FreeInside(block);
-  const uint64_t bytes = TakeSize(block);
-  if (QVHEAP_UNLIKELY(bytes >= kLookedAt)) {
-    return bytes == kLookedAt ? FreeLookedAt(*me, block) : FreeUnknown(*me, block);
-  }
-  CountRelease(*me, bytes);
-  g_real.free(block);
+  ThreadRecord* const me = t_counting;
+  if (QVHEAP_UNLIKELY(me == nullptr)) return FreeSlow(block);
+  Free(*me, block);
 }
 
 QVHEAP_EXPORT void* realloc(void* block, size_t bytes) noexcept {
