@@ -182,6 +182,31 @@ TEST(Qvheap, ForksAmidBusyThreadsNeitherHangNorLoseAReport) {
   }
 }
 
+// Each fork finds the threads somewhere else: in a look, in the tables, making one.
+TEST(Qvheap, AStormOfForksAmidAllocatingThreadsNeitherHangsNorLosesACount) {
+  for (const std::string mode : {"-interval 2000", "-exact"}) {
+    const ChildResult child = Shell("exec " QVHEAP " -quiet " + mode + " -- " SUBJECT " storm 1000");
+    ASSERT_EQ(child.status, 0) << mode << ": " << child.err;
+    const std::vector<std::string> accounts = FilesLike(child, "expected\\..*");
+    ASSERT_EQ(accounts.size(), 2u);
+    uint64_t children = 0;
+    for (const std::string& name : FilesLike(child, "qvheap\\..*\\.xml")) {
+      const Report report = ReadReport(child.Read(name));
+      ExpectAgreement(Sum(report), report.process, name + " against the sum of its threads");
+      if (report.threads.count(std::stoi(accounts[0].substr(9))) == 0) {
+        EXPECT_EQ(report.process.at("releases"), 5u) << name;
+        children++;
+        continue;
+      }
+      for (const std::string& account : accounts) {
+        const std::string id = account.substr(9);
+        ExpectAgreement(ReadExpected(child, id), report.threads.at(std::stoi(id)), "thread " + id);
+      }
+    }
+    EXPECT_EQ(children, 10u) << mode;
+  }
+}
+
 // ---- How processes end -----------------------------------------------------------------------------
 
 TEST(Qvheap, NoDescriptorOfTheProgramIsWrittenTo) {

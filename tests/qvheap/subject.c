@@ -332,6 +332,55 @@ static void RunForksAmongThreads(int count) {
   for (int i = 0; i < 2; i++) pthread_join(threads[i], NULL);
 }
 
+/* ---- A storm of forks: most children are gone at once, one in a hundred lives to its report. */
+
+enum { kStormThreads = 2, kStormBlocks = 64, kStormReports = 100 };
+
+static void* AllocateInStorm(void* argument) {
+  Subject* s = argument;
+  while (!g_stop) {
+    Block* block = &s->blocks[Random(s, kStormBlocks)];
+    if (block->address == NULL) {
+      Make(s, block);
+    } else if (Random(s, 3) == 0) {
+      Resize(s, block);
+    } else {
+      Drop(s, block);
+    }
+  }
+  WriteAccount(&s->account, gettid());
+  return NULL;
+}
+
+static void LiveInStorm(int number) {
+  alarm(20);
+  for (int k = 0; k < 5; k++) free(malloc((size_t)1 << (4 * k)));
+  if (number % kStormReports != 0) _exit(0);
+  pthread_t thread;
+  pthread_create(&thread, NULL, OneMoreThread, NULL);
+  pthread_join(thread, NULL);
+  exit(0);
+}
+
+static void RunStorm(int count) {
+  pthread_t threads[kStormThreads];
+  pid_t before = 0;
+  alarm(100);
+  for (int i = 0; i < kStormThreads; i++) {
+    g_subjects[i].random = (uint64_t)i + 1;
+    pthread_create(&threads[i], NULL, AllocateInStorm, &g_subjects[i]);
+  }
+  for (int i = 0; i < count; i++) { /* two children at a time */
+    const pid_t child = fork();
+    if (child == 0) LiveInStorm(i);
+    if (before != 0) Check(StatusOf(before) == 0, "a child in the storm");
+    before = child;
+  }
+  Check(StatusOf(before) == 0, "the last child");
+  g_stop = 1;
+  for (int i = 0; i < kStormThreads; i++) pthread_join(threads[i], NULL);
+}
+
 /* ---- Descriptors, exits */
 
 static void RunClosed(void) {
@@ -369,6 +418,7 @@ int main(int count, char** arguments) {
   if (strcmp(mode, "many") == 0) RunManyThreads((int)seed);
   if (strcmp(mode, "fork") == 0) RunFork(seed);
   if (strcmp(mode, "forks") == 0) RunForksAmongThreads((int)seed);
+  if (strcmp(mode, "storm") == 0) RunStorm((int)seed);
   if (strcmp(mode, "closed") == 0) RunClosed();
   if (strcmp(mode, "interrupted") == 0) RunInterrupted();
   if (strcmp(mode, "_exit") == 0) _exit(9);
