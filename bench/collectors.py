@@ -76,7 +76,14 @@ def sort(folder):
     return ["sort", "--parallel=2", "-o", "sorted", "lines"]
 
 
-PROGRAMS = {"sqlite3": sqlite3, "python3": python3, "git": git, "gcc": gcc, "sort": sort}
+def threads(folder):
+    """A program of ours: two threads that allocate at different places."""
+    source = os.path.join(ROOT, "bench/collectors_threads.c")
+    subprocess.run(["cc", "-O2", "-g", "-pthread", "-fno-builtin-malloc", "-o", "threads", source], cwd=folder, check=True)
+    return ["./threads"]
+
+
+PROGRAMS = {"sqlite3": sqlite3, "python3": python3, "git": git, "gcc": gcc, "sort": sort, "threads": threads}
 
 
 def tools(qvheap):
