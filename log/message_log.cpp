@@ -158,6 +158,12 @@ void PutFormattedComment(QV_XML_FILE& log, uint64_t format, ArgumentList& rest) 
   PutComment(log, format == 0 ? "" : reinterpret_cast<const char*>(format), rest.values);
 }
 
+const char* DecimalText(char (&buffer)[kNumberBytes], int value) {
+  char* const end = buffer + sizeof buffer - 1;
+  *end = 0;
+  return FormatDecimal(end, value);
+}
+
 // One value of the list, as text; null if the marker is none of ours.
 const char* NextValue(uint32_t marker, char (&buffer)[kNumberBytes], ArgumentList& rest) {
   switch (marker) {
@@ -165,9 +171,7 @@ const char* NextValue(uint32_t marker, char (&buffer)[kNumberBytes], ArgumentLis
       const char* const text = va_arg(rest.values, const char*);
       return text == nullptr ? "" : text;
     }
-    case QVLOG_ARG_INTEGER:
-      snprintf(buffer, sizeof buffer, "%d", va_arg(rest.values, int));
-      return buffer;
+    case QVLOG_ARG_INTEGER: return DecimalText(buffer, va_arg(rest.values, int));
     case QVLOG_ARG_POINTER:
       snprintf(buffer, sizeof buffer, "%p", va_arg(rest.values, void*));
       return buffer;
@@ -194,10 +198,9 @@ void PutArguments(QV_XML_FILE& log, const char* const* names, uint64_t fourth, A
 }
 
 void PutOpeningOfMessage(QV_XML_FILE& log, const QVLOG_MESSAGE& message, bool noDisplay) {
-  char id[16];
-  snprintf(id, sizeof id, "%d", int(g_nextEntryId++));
+  char id[kNumberBytes];
   PutStartOfTag(log, "msg");
-  PutAttribute(log, "id", id);
+  PutAttribute(log, "id", DecimalText(id, int(g_nextEntryId++)));
   if (noDisplay) PutAttribute(log, "display", "false");
   const SourceName source(message.sourceHandle);
   PutAttribute(log, "source", source.Text());

@@ -103,17 +103,6 @@ void DestroyXmlFile(QV_XML_FILE** file) {
   *file = nullptr;
 }
 
-// Decimal digits of a value, written backwards from `end`; the first of them.
-char* FormatDecimal(char* end, int64_t value) {
-  uint64_t rest = value < 0 ? 0 - uint64_t(value) : uint64_t(value);
-  do {
-    *--end = char('0' + rest % 10);
-    rest /= 10;
-  } while (rest != 0);
-  if (value < 0) *--end = '-';
-  return end;
-}
-
 char* FormatHexadecimal(char* end, uint64_t value) {
   do {
     *--end = "0123456789abcdef"[value & 15];

@@ -96,6 +96,17 @@ QV_INLINE void PutElement(QV_XML_FILE& file, const char* name, const char* text,
   PutEndOfElement(file, name);
 }
 
+// Decimal digits of a value, written backwards from `end`; the first of them.
+inline char* FormatDecimal(char* end, int64_t value) {
+  uint64_t rest = value < 0 ? 0 - uint64_t(value) : uint64_t(value);
+  do {
+    *--end = char('0' + rest % 10);
+    rest /= 10;
+  } while (rest != 0);
+  if (value < 0) *--end = '-';
+  return end;
+}
+
 // Escapes into `scratch`; the length there. Stops before the first character that does not fit.
 size_t EscapeIntoScratch(QV_XML_FILE& file, const char* text);
 // Formats into `scratch` with every run of '-' reduced to one, and writes the comment.
