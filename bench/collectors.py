@@ -174,6 +174,9 @@ def main():
     available = tools(line.qvheap)
     chosen = {name: available[name] for name in available
               if name == "native" or not line.tools or name in line.tools.split(",")}
+    for name in (line.tools or "native").split(","):
+        if name not in available:
+            parser.error("there is no tool '%s'" % name)
     for name in line.programs.split(","):
         if name not in PROGRAMS:
             parser.error("there is no program '%s'" % name)
