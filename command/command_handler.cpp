@@ -25,6 +25,7 @@ constexpr size_t kPathBytes = sizeof(CollectorCommandHandler::lockFilePath);
 // Process-wide state.
 constinit uint32_t g_taker = 0;  // process id of who holds the guard (5), or 0
 
+// Not a GuardWord: a word that the parent's thread left taken must not keep its child waiting for ever.
 class TakingGuard : qv::NonCopyable {
  public:
   TakingGuard() {
@@ -49,7 +50,8 @@ struct Recipient {
   }
 };
 
-// The path of the lock file in a directory, runs of slashes made one; false if it does not fit.
+// The path of the lock file in a directory; false if it does not fit. Runs of slashes are made one as they
+// are copied: a directory that is too long by them alone fits.
 bool BuildLockFilePath(const char* directory, char (&path)[kPathBytes]) {
   size_t length = 0;
   for (const char* c = directory != nullptr ? directory : ""; *c != 0; c++) {

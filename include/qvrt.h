@@ -966,9 +966,9 @@ QV_API void __QvDestroyHashTable(QV_HASH_TABLE* table, QV_HASH_FREE_DATA freeDat
  * producer and a consumer take different locks and write no word in common. An operation is constant
  * time, one allocation or one release, and at most two locks; a search is linear.
  *
- * No lock of the queue is held while memory is allocated, so a memory collector may use queues. A node is
- * given back under the head lock. A null queue: empty, and a call does nothing. The locks are the library's: do not take
- * them. */
+ * No lock of the queue is held while memory is allocated, so a memory collector may use queues. A node
+ * is given back under the head lock. A null queue: empty, and a call does nothing. The locks are the
+ * library's: do not take them. */
 typedef struct QV_QUEUE_NODE {
   uint64_t value;
   struct QV_QUEUE_NODE* next;

@@ -63,11 +63,11 @@ struct ThreadRecord {
   int64_t settleBelow;  // settled - mayOwe
   int64_t processPeak;  // the highest total that this thread saw
   Counts counts;
-  int64_t
-      mayOwe;  // how far the balance may be from `settled`: kSettleBytes, 0 once the thread has ended
+  // How far the balance may be from `settled`: kSettleBytes, 0 once the thread has ended.
+  int64_t mayOwe;
   uint64_t wayBegan;  // bytes allocated when wayEnds was set
-  int64_t untilLook =
-      kNeverLook;    // bytes from then to the next allocation that is looked at (sampling.h)
+  // Bytes from then to the next allocation that is looked at (sampling.h).
+  int64_t untilLook = kNeverLook;
   uint32_t looking;  // 1 while the thread is Looking
   uint32_t threadId;
   uint32_t ordinal;                  // of all threads, from 1: ids are used again

@@ -112,6 +112,11 @@ void Await(Condition condition) {
   }
 }
 
+void TakeDown() {
+  __QvShutdownCommandHandler();
+  __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+}
+
 // A removed segment goes when the last process has detached.
 void CheckNothingIsLeft(Controller& controller) {
   controller.Detach();
@@ -194,8 +199,7 @@ TEST(CommandChannel, HostileAreasMakeNoWorkerFail) {
       CHECK(delivered.faithful);
       return delivered.codes.back() == QV_HEARTBEAT_CODE;
     });
-    __QvShutdownCommandHandler();
-    __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+    TakeDown();
     CheckNothingIsLeft(controller);
     CHECK_EQ(theCommandHandler.processCommands(), -1);
     CHECK_EQ(theCommandHandler.processHeartbeat(), -1);
@@ -236,8 +240,7 @@ TEST(CommandChannel, RefusalsCreateNothing) {
     }
     longest.assign(100000, '/');  // counts as one; and after all that it works
     CHECK_EQ(__QvRegisterCommandHandler(("." + longest).c_str(), OnCommand, &delivered), 1);
-    __QvShutdownCommandHandler();
-    __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+    TakeDown();
   });
   EXPECT_TRUE(child.Ok()) << child.status << child.err;
 }
@@ -265,8 +268,7 @@ TEST(CommandChannel, TheWorkerIsHeldUntilSetUpIsOver) {
     controller.Unlock();
     controller.Post();
     Await([&] { return delivered.Count() > 0; });
-    __QvShutdownCommandHandler();
-    __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+    TakeDown();
     CheckNothingIsLeft(controller);
   });
   EXPECT_TRUE(child.Ok()) << child.status << child.err;
@@ -353,8 +355,7 @@ TEST(CommandChannel, WhatABusyLockLeftIsDeliveredAtTheNextHeartbeat) {
     controller.Unlock();
     Await([&] { return delivered.Count() >= 2; });
     CHECK(delivered.codes[0] == QV_HEARTBEAT_CODE && delivered.codes[1] == 5);
-    __QvShutdownCommandHandler();
-    __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+    TakeDown();
   });
   EXPECT_TRUE(child.Ok()) << child.status << child.err;
 }
@@ -417,8 +418,7 @@ TEST(CommandChannel, IsTakenAwayAndMovedWhileAWorkerTakesRecords) {
     flood.join();
     kill(sender, SIGKILL);
     CHECK_EQ(waitpid(sender, nullptr, 0), sender);
-    __QvShutdownCommandHandler();
-    __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+    TakeDown();
   });
   EXPECT_TRUE(child.Ok()) << child.status << child.err;
 }
@@ -458,8 +458,7 @@ TEST(CommandChannel, AWorkerOnTheRegisteringThreadEnds) {
         [](QV_FINI_FUNCTION, void* argument) { return uint32_t{argument == nullptr}; });
     CHECK_EQ(__QvRegisterCommandHandlerWithHeartbeat("", OnCommand, nullptr, -7), 1);
     CHECK_EQ(exits, 1);
-    __QvShutdownCommandHandler();
-    __QvUnregisterCommandHandler(QVCMDHDLR_CLEAN_ALL);
+    TakeDown();
   });
   EXPECT_TRUE(child.Ok()) << child.status << child.err;
 }

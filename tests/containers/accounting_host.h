@@ -18,6 +18,7 @@ struct AccountingHost {
   std::mutex lock;
   std::map<void*, uint64_t> blocks;
   void (*beforeAllocation)(uint64_t bytes) = nullptr;
+  void (*beforeRelease)() = nullptr;
 
   static AccountingHost& Get() {
     static AccountingHost host;
@@ -34,6 +35,7 @@ struct AccountingHost {
   }
   static void Free(void* block) {
     AccountingHost& host = Get();
+    if (host.beforeRelease != nullptr) host.beforeRelease();
     const std::lock_guard guard(host.lock);
     if (host.blocks.erase(block) == 0) abort();
     free(block);

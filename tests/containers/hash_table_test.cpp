@@ -302,6 +302,31 @@ TEST(HashTable, DefaultHashesTakeTheDocumentedBitsAtEachLevel) {
   __QvDestroyHashTable(custom, nullptr);
 }
 
+// The same steps with and without locks.
+class StepOrder : public testing::TestWithParam<uint32_t> {};
+
+TEST_P(StepOrder, AKeyIsReleasedBeforeItsRemovalIsCountedAndAnEmptyLeafHashesNothing) {
+  qvtest::InstallAccountingHost();
+  static Table* table;
+  static int hashes, countSeen;
+  hashes = 0;
+  const QV_HASH_FUNCTION hash = [](const Table*, uint64_t key) { return hashes++, key; };
+  table = __QvCreateHashTable(
+      GetParam() | 0x80, &hash, 1, SameNumber, [](uint64_t) { countSeen = table->count; }, kCategory,
+      0);
+  void* out;
+  EXPECT_EQ(__QvLookupHashTable(table, 1), nullptr);
+  EXPECT_EQ(__QvLookupAndAcquireHashTableDataItem(table, 1, Acquire, &out), 1);
+  EXPECT_EQ(hashes, 0);
+  for (uint64_t key = 1; key <= 3; key++) __QvInsertHashTableEntry(table, key, Data(key));
+  __QvRemoveHashTableEntry(table, 2);
+  EXPECT_EQ(countSeen, 3);
+  EXPECT_EQ(table->count, 2);
+  __QvDestroyHashTable(table, nullptr);
+}
+INSTANTIATE_TEST_SUITE_P(LocksOrNot, StepOrder,
+                         testing::Values(0u, uint32_t{QV_HASH_TABLE_NO_LOCKING}));
+
 TEST(HashTable, ShiftXorFamilyShiftsOnceArithmeticallyAndOnceLogically) {
   const auto& family = qv::qvShiftXorHashFunctions;
   EXPECT_EQ(family[0](nullptr, 6), 2u);

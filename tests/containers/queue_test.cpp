@@ -108,6 +108,30 @@ TEST_F(Queue, EachEndTakesItsOwnLockOnly) {
   __QvFree(g_queue);
 }
 
+// The host hears of each slab of nodes that is empty, up to the last one.
+TEST_F(Queue, ANodeGoesBackUnderTheHeadLock) {
+  static QV_QUEUE* queue;
+  static uint32_t releases, underLock;
+  queue = __QvCreateQueue(QV_QUEUE_LOCKED, kCategory);
+  const auto release = [] {
+    releases++;
+    underLock += __QvIsSpinLockAcquiredByCallingThread(&queue->headLock) != 0;
+  };
+  constexpr uint64_t kValues = 10000;  // some five slabs
+  for (const bool peeks : {false, true}) {
+    for (uint64_t value = 1; value <= kValues; value++) __QvEnqueue(queue, value);
+    releases = underLock = 0;
+    qvtest::AccountingHost::Get().beforeRelease = release;
+    for (uint64_t value = 1; value <= kValues; value++) {
+      ASSERT_EQ(peeks ? __QvPeekQueue(queue, nullptr, 0, 0, 1) : __QvDequeue(queue), value);
+    }
+    qvtest::AccountingHost::Get().beforeRelease = nullptr;
+    EXPECT_GT(releases, 2u);
+    EXPECT_EQ(underLock, releases);
+  }
+  __QvFree(queue);
+}
+
 // Held up by the lock that the test holds, another thread is caught where it has made up its mind.
 TEST_F(Queue, AnEndThatWaitsForTheOtherLooksAgain) {
   g_queue = __QvCreateQueue(QV_QUEUE_LOCKED, kCategory);
