@@ -364,7 +364,7 @@ TEST(QvheapSites, AFullDiskLeavesNoFileUnderTheResultsName) {
 TEST(QvheapSites, AnOutputDirectoryThatVanishesChangesNothingForTheProgram) {
   for (const char* options : {"", "-exact", "-nochannel"}) {
     const ChildResult child = Shell("mkdir gone; exec " QVHEAP " -quiet " + std::string(options) +
-                                    " -out gone -- sh -c 'rm -r gone; echo done; exit 7'");
+                                    " -out gone -- bash -c 'rm -r gone; echo done; exit 7'");
     EXPECT_EQ(child.status, 7) << child.err;
     EXPECT_EQ(child.out, "done\n");
     EXPECT_EQ(child.err, "");
