@@ -132,6 +132,11 @@ void DropLocked(ThreadRecord*& list, const ThreadRecord* except) {
   }
 }
 
+void ResetPeakOf(ThreadRecord& record, int64_t live) {
+  Store(record.processPeak, live);
+  Store(record.noteAbove, INT64_MIN);
+}
+
 // The key's destructor. The thread may allocate and release for a while yet, into the same record.
 void ThreadEnded(void* argument) {
   ThreadRecord& record = *static_cast<ThreadRecord*>(argument);
@@ -233,12 +238,12 @@ void VisitThreadsLocked(void (*visit)(const ThreadRecord&, bool, void*), void* c
 void ResetPeakLocked() {
   const int64_t live = BalanceOf(SumLocked().counts);
   g_goneProcessPeak = live;
-  Store(g_shared.processPeak, live);
-  for (ThreadRecord* record = g_running; record != nullptr; record = record->next) {
-    Store(record->processPeak, live);
-  }
-  for (ThreadRecord* record = g_ended; record != nullptr; record = record->next) {
-    Store(record->processPeak, live);
+  ResetPeakOf(g_shared, live);
+  ThreadRecord* const lists[] = {g_running, g_ended};
+  for (ThreadRecord* list : lists) {
+    for (ThreadRecord* record = list; record != nullptr; record = record->next) {
+      ResetPeakOf(*record, live);
+    }
   }
 }
 
@@ -275,7 +280,7 @@ Totals SumLocked() {
   sum.totals.threads = g_threads;
   sum.totals.foldedThreads = g_foldedThreads;
   sum.totals.peakToleranceBytes =
-      g_runningAtMost > 1 ? uint64_t{g_runningAtMost - 1} * uint64_t{kSettleBytes} : 0;
+      g_runningAtMost > 1 ? uint64_t{g_runningAtMost} * uint64_t{kSettleBytes} : 0;
   return sum.totals;
 }
 

@@ -13,7 +13,7 @@
 // threads have made known: a thread adds its difference when that passes kSettleBytes either way, and
 // when it ends. What a thread takes for the present total (settled + its own difference) is exact while
 // no other thread has anything unsettled, hence always in a process with one thread; otherwise it is
-// off by at most kSettleBytes for each other running thread. The report gives that bound.
+// off by at most kSettleBytes for each running thread. The report gives that bound.
 //
 // Invariants
 //  (1) A record is written by its thread alone, until that thread no longer exists: a thread goes on
@@ -59,10 +59,11 @@ struct Counts {
 // What an allocation or a release reads and writes is at the start, in two or three cache lines.
 struct ThreadRecord {
   uint64_t wayEnds;     // bytes allocated at which the slow path is taken
-  int64_t settled;      // the part of the balance that is in g_settledLive
   int64_t settleBelow;  // settled - mayOwe
-  int64_t processPeak;  // the highest total that this thread saw
+  int64_t noteAbove;    // the balance that is a peak of the thread or, as things stood, of the process
+  int64_t settled;      // the part of the balance that is in g_settledLive
   Counts counts;
+  int64_t processPeak;  // the highest total that this thread saw
   // How far the balance may be from `settled`: kSettleBytes, 0 once the thread has ended.
   int64_t mayOwe;
   uint64_t wayBegan;  // bytes allocated when wayEnds was set
@@ -81,7 +82,7 @@ struct ThreadRecord {
 
 inline constexpr int64_t kSettleBytes = 8192;
 
-extern int64_t g_settledLive;
+extern QVHEAP_OURS int64_t g_settledLive;
 extern QV_SPIN_LOCK g_censusLock;
 
 // The record of a thread that has none in t_counting: null if the thread is inside the collector. The
@@ -123,7 +124,10 @@ QVHEAP_COLD void Settle(ThreadRecord& me);
 QVHEAP_INLINE void NotePeaks(ThreadRecord& me, int64_t balance) {
   if (balance > int64_t(me.counts.peakBytes)) Store(me.counts.peakBytes, uint64_t(balance));
   const int64_t total = Load(g_settledLive) + balance - me.settled;
-  if (total > me.processPeak) Store(me.processPeak, total);
+  if (total > Load(me.processPeak)) Store(me.processPeak, total);
+  const int64_t belowProcessPeak = Load(me.processPeak) - total;
+  const int64_t belowOwnPeak = int64_t(me.counts.peakBytes) - balance;
+  Store(me.noteAbove, balance + (belowOwnPeak < belowProcessPeak ? belowOwnPeak : belowProcessPeak));
 }
 
 // True if something is to be done on the slow path: the thread may owe no more, or a look is due.
@@ -136,7 +140,7 @@ QVHEAP_INLINE bool CountAllocation(ThreadRecord& me, uint64_t bytes, uint32_t bu
 // True if the thread owes too much: it has to settle.
 QVHEAP_INLINE bool CountReleaseOwing(ThreadRecord& me, uint64_t bytes) {
   const int64_t balance = BalanceOf(me.counts);
-  NotePeaks(me, balance);
+  if (balance > Load(me.noteAbove)) NotePeaks(me, balance);
   Add(me.counts.figures[kReleases], 1);
   Add(me.counts.figures[kBytesReleased], bytes);
   return QVHEAP_UNLIKELY(balance - int64_t(bytes) < me.settleBelow);

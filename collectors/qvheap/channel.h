@@ -27,7 +27,7 @@
 namespace qvheap {
 
 enum class ChannelState : uint32_t { kOff, kDue, kOpen };
-extern ChannelState g_channelState;
+extern QVHEAP_OURS ChannelState g_channelState;
 
 inline constexpr uint64_t kDueAfterMilliseconds = 100;
 

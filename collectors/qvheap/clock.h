@@ -25,7 +25,7 @@ struct Clock {
   uint64_t startedMilliseconds;                  // since 1970
   uint32_t unitsPerMillisecond, unitsPerSecond;  // 0 until measured
 };
-extern Clock g_clock;
+extern QVHEAP_OURS Clock g_clock;
 
 void StartClock();
 uint64_t MonotonicNanoseconds();

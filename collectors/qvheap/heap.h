@@ -38,7 +38,7 @@ struct RealFunctions {
   int (*fexecve)(int, char* const*, char* const*);
   int (*execveat)(int, const char*, char* const*, char* const*, int);
 };
-extern RealFunctions g_real;
+extern QVHEAP_OURS RealFunctions g_real;
 
 void FindRealFunctions();  // the calling thread must be inside the collector
 

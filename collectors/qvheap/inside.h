@@ -11,18 +11,19 @@
 namespace qvheap {
 
 struct ThreadRecord;
-extern constinit thread_local ThreadRecord* t_counting;
-extern constinit thread_local ThreadRecord* t_record;
-extern constinit thread_local bool t_inside;
-extern constinit thread_local bool t_signalsBlocked;  // by us
+extern QVHEAP_OURS constinit thread_local ThreadRecord* t_counting;
+extern QVHEAP_OURS constinit thread_local ThreadRecord* t_record;
+extern QVHEAP_OURS constinit thread_local bool t_inside;
+extern QVHEAP_OURS constinit thread_local bool t_signalsBlocked;  // by us
 
 // No signal handler of the program runs on the thread: one that calls exit must not find locks taken
 // that the report needs, or the library in the middle of something. Two system calls, but for those
-// inside another.
+// inside another. What needs it may make system calls of its own: errno stays the program's.
 class SignalsBlocked : NonCopyable {
  public:
   SignalsBlocked() : nested_(t_signalsBlocked) {
     if (nested_) return;
+    errno_ = errno;
     sigset_t all;
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, &former_);
@@ -32,23 +33,23 @@ class SignalsBlocked : NonCopyable {
     if (nested_) return;
     t_signalsBlocked = false;
     pthread_sigmask(SIG_SETMASK, &former_, nullptr);
+    errno = errno_;
   }
 
  private:
   const bool nested_;
+  int errno_;
   sigset_t former_;
 };
 
-// While it lives, the calling thread is inside the collector (2), without signals. errno is the
-// program's.
+// While it lives, the calling thread is inside the collector (2), without signals.
 class Inside : NonCopyable {
  public:
-  Inside() : nested_(t_inside), errno_(errno) {
+  Inside() : nested_(t_inside) {
     t_inside = true;
     t_counting = nullptr;
   }
   ~Inside() {
-    errno = errno_;
     if (nested_) return;
     t_inside = false;
     t_counting = t_record;
@@ -57,7 +58,6 @@ class Inside : NonCopyable {
  private:
   const SignalsBlocked signals_;
   const bool nested_;
-  const int errno_;
 };
 
 }  // namespace qvheap

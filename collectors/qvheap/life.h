@@ -22,6 +22,6 @@ struct Process {
   char arguments[4096];    // as it was started, each ended by NUL; cut if they are longer
   uint32_t argumentBytes;
 };
-extern Process g_process;
+extern QVHEAP_OURS Process g_process;
 
 }  // namespace qvheap

@@ -9,14 +9,13 @@ namespace qvheap {
 // not blocked: that would cost more than the look. So a handler may come at any time, find the thread
 // inside (what it allocates comes from the arena), and never return; what it may then need, the
 // report, must not wait for anything that a thread holds while it looks and lets signals through.
-// Those are the locks of sites alone, and they are recursive. Whatever else is done meanwhile blocks
-// signals.
-extern uint32_t g_forking;
+// Those are the locks of sites alone, and they are recursive. Whatever else is done meanwhile, system
+// calls above all, blocks signals.
+extern QVHEAP_OURS uint32_t g_forking;
 QVHEAP_COLD void WaitForForkSlow(ThreadRecord& me);
 class Looking : NonCopyable {
  public:
-  explicit Looking(ThreadRecord& me)
-      : me_(me), nested_(t_inside), wasLooking_(Load(me.looking)), errno_(errno) {
+  explicit Looking(ThreadRecord& me) : me_(me), nested_(t_inside), wasLooking_(Load(me.looking)) {
     t_inside = true;
     t_counting = nullptr;
     // A full barrier: either the thread that forks sees us, or we see it.
@@ -25,7 +24,6 @@ class Looking : NonCopyable {
   }
   ~Looking() {
     __atomic_store_n(&me_.looking, wasLooking_, __ATOMIC_RELEASE);
-    errno = errno_;
     if (nested_) return;
     t_inside = false;
     t_counting = t_record;
@@ -35,7 +33,6 @@ class Looking : NonCopyable {
   ThreadRecord& me_;
   const bool nested_;
   const uint32_t wasLooking_;
-  const int errno_;
 };
 
 }  // namespace qvheap

@@ -35,7 +35,7 @@ struct Region {
   uint64_t start, end;
 };
 
-extern uint32_t g_epoch;
+extern QVHEAP_OURS uint32_t g_epoch;
 
 void InstallModules();  // the library can allocate
 // Notices the images that the frames lie in. False if their epoch is over. The caller is Looking,

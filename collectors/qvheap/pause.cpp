@@ -12,7 +12,7 @@ constinit uint64_t g_pausedBefore = 0;
 
 }  // namespace
 
-constinit uint32_t g_paused = 0;
+constinit uint64_t g_countedMiddles = kMiddles;
 
 uint64_t MillisecondsNow() {
   struct timespec now;
@@ -23,12 +23,12 @@ uint64_t MillisecondsNow() {
 void PauseLocked() {
   if (IsPaused()) return;
   g_pausedSince = MillisecondsNow();
-  Store(g_paused, 1u);
+  Store(g_countedMiddles, uint64_t{0});
 }
 
 void ResumeLocked() {
   g_pausedBefore = PausedMillisecondsLocked();
-  Store(g_paused, 0u);
+  Store(g_countedMiddles, kMiddles);
 }
 
 uint64_t PausedMillisecondsLocked() {

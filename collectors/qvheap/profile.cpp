@@ -37,36 +37,42 @@ QVHEAP_COLD void MissLook() { __atomic_fetch_add(&g_missed, 1, __ATOMIC_RELAXED)
 
 // The thread is Looking.
 QVHEAP_INLINE void Record(ThreadRecord& me, const void* block, uint64_t bytes, const Weight& weight,
-                          void* caller) {
+                          void** call) {
   Stack stack;
-  CaptureStack(stack, Load(g_epoch), caller);
+  CaptureStack(stack, Load(g_epoch), call);
   Site* const site = FindOrMakeSite(stack);
   if (QVHEAP_UNLIKELY(site == nullptr)) return MissLook();
   if (QVHEAP_UNLIKELY(!KeepSight(me, block, {site->number, NowUnits(), bytes, weight})))
     return MissLook();
-  CountAtSite(*site, weight);
-  Tally(me, *site, weight);
+  if (QVHEAP_UNLIKELY(CountAtSite(*site, me.ordinal, weight))) Tally(me, *site, weight);
   NoteTotal(TotalSeenBy(me));
 }
 
-QVHEAP_COLD void LookSampled(ThreadRecord& me, const void* block, uint64_t bytes, void* caller) {
+// What the process had before the release may have been a peak that no look saw.
+QVHEAP_INLINE void CountTakenLooking(ThreadRecord& me, const Sight& sight) {
+  if (QVHEAP_UNLIKELY(sight.site == 0)) return;
+  NoteTotal(TotalSeenBy(me));
+  CountReleaseAtSite(sight.site, sight.weight, sight.born);
+}
+
+QVHEAP_COLD void LookSampled(ThreadRecord& me, const void* block, uint64_t bytes, void** call) {
   me.untilLook = DrawCountdown(me.random, g_intervalBytes);
   const SignalsBlocked blocked;
   const Looking looking(me);
   TimePasses(me);
-  Record(me, block, bytes, SampledWeight(bytes, g_intervalBytes), caller);
+  Record(me, block, bytes, SampledWeight(bytes, g_intervalBytes), call);
 }
 
-void LookExactly(ThreadRecord& me, const void* block, uint64_t bytes, void* caller) {
+void LookExactly(ThreadRecord& me, const void* block, uint64_t bytes, void** call) {
   me.untilLook = 0;
   const Looking looking(me);
   TimePasses(me);
-  Record(me, block, bytes, ExactWeight(bytes), caller);
+  Record(me, block, bytes, ExactWeight(bytes), call);
 }
 
-void Look(ThreadRecord& me, const void* block, uint64_t bytes, void* caller) {
-  if (g_exact) return LookExactly(me, block, bytes, caller);
-  LookSampled(me, block, bytes, caller);
+void Look(ThreadRecord& me, const void* block, uint64_t bytes, void** call) {
+  if (g_exact) return LookExactly(me, block, bytes, call);
+  LookSampled(me, block, bytes, call);
 }
 
 }  // namespace
@@ -82,6 +88,7 @@ void StartProfileLocked() {
   g_exact = g_process.options.exact;
   g_intervalBytes = g_process.options.intervalBytes;
   g_looks = true;
+  KeepReserveLocked();
   StartTimeline();
   ForEachRunningLocked(StartCountdown);
 }
@@ -107,11 +114,11 @@ void EndLooks(ThreadRecord& me) {
 }
 
 // The way ends where either has to happen. Releases only lengthen it, so it may end a little early.
-void* AllocatedSlow(ThreadRecord& me, void* block, uint64_t bytes, void* caller) {
+void* AllocatedSlow(ThreadRecord& me, void* block, uint64_t bytes, void** call) {
   const uint64_t allocated = Load(me.counts.figures[kBytesAllocated]);
   me.untilLook -= int64_t(allocated - me.wayBegan);
   if (BalanceOf(me.counts) - me.settled > me.mayOwe) Settle(me);
-  if (me.untilLook <= 0) Look(me, block, bytes, caller);
+  if (me.untilLook <= 0) Look(me, block, bytes, call);
   const int64_t mayAllocate = me.mayOwe - (BalanceOf(me.counts) - me.settled) + 1;
   me.wayBegan = allocated;
   me.wayEnds = allocated + uint64_t(me.untilLook < mayAllocate ? me.untilLook : mayAllocate);
@@ -121,7 +128,7 @@ void* AllocatedSlow(ThreadRecord& me, void* block, uint64_t bytes, void* caller)
 uint64_t ReleaseLookedAt(ThreadRecord& me, const void* block) {
   const Looking looking(me);
   const Sight sight = TakeSight(me, block);
-  CountTaken(me, sight);
+  CountTakenLooking(me, sight);
   return sight.bytes;
 }
 
@@ -130,12 +137,9 @@ Sight TakeForReallocation(ThreadRecord& me, const void* block) {
   return TakeSight(me, block);
 }
 
-// What the process had before the release may have been a peak that no look saw.
 void CountTaken(ThreadRecord& me, const Sight& sight) {
-  if (QVHEAP_UNLIKELY(sight.site == 0)) return;
   const Looking looking(me);
-  NoteTotal(TotalSeenBy(me));
-  CountReleaseAtSite(sight.site, sight.weight, sight.born);
+  CountTakenLooking(me, sight);
 }
 
 void PutBack(ThreadRecord& me, const void* block, const Sight& sight) {

@@ -21,9 +21,9 @@ void BeginLooks(ThreadRecord& me);
 void EndLooks(ThreadRecord& me);
 
 // The thread's way has ended in this block, which was counted: settles what it owes, looks if it is
-// time, and gives it new way. `caller` is the wrapper's return address. (Exact mode has no way to go.)
+// time, and gives it new way. `call` is where the wrapper's return address is on the stack. (Exact mode has no way to go.)
 // Returns the block, so that a wrapper can end in it.
-QVHEAP_COLD void* AllocatedSlow(ThreadRecord& me, void* block, uint64_t bytes, void* caller);
+QVHEAP_COLD void* AllocatedSlow(ThreadRecord& me, void* block, uint64_t bytes, void** call);
 // Takes a block that was looked at out of everything but the thread's counts, which are the caller's;
 // its size. Before the block goes back to the allocator.
 uint64_t ReleaseLookedAt(ThreadRecord& me, const void* block);

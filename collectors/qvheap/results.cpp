@@ -143,6 +143,7 @@ void WriteAllLocked(QV_XML_FILE* file, const Totals& totals, uint32_t number) {
 
 QV_XML_FILE* CreateFileLocked(const char* path) {
   errno = ENOMEM;
+  GiveReserveBackLocked();
   const Provision provision(kSlabsForFile);
   void* const probe = provision.Granted() ? Allocate(kRoomReport, sizeof(QV_XML_FILE)) : nullptr;
   if (probe == nullptr) return nullptr;
@@ -181,11 +182,16 @@ void WriteText(QV_XML_FILE* file, const char* name, const char* text) {
 bool WriteResultsFileLocked(const Totals& totals, const char* path, uint32_t number) {
   snprintf(g_partPath, sizeof g_partPath, "%s.part", path);
   QV_XML_FILE* const file = CreateFileLocked(g_partPath);
-  if (file == nullptr) return false;
+  if (file == nullptr) {
+    KeepReserveLocked();
+    return false;
+  }
   AddPointLocked();
   WriteAllLocked(file, totals, number);
   errno = 0;
-  if (CloseXmlFile(file) && rename(g_partPath, path) == 0) return true;
+  const bool closed = CloseXmlFile(file);
+  KeepReserveLocked();
+  if (closed && rename(g_partPath, path) == 0) return true;
   const int error = errno != 0 ? errno : EIO;
   unlink(g_partPath);
   errno = error;

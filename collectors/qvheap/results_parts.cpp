@@ -71,7 +71,7 @@ void FillThreadTableLocked(QV_HASH_TABLE* table) {
   VisitThreadsLocked(
       [](const ThreadRecord& record, bool, void* context) {
         const Provision provision(kSlabsForEntry);
-        if (record.tallies == nullptr || !provision.Granted()) return;
+        if (!provision.Granted()) return;
         __QvInsertHashTableEntry(static_cast<QV_HASH_TABLE*>(context), record.ordinal,
                                  const_cast<ThreadRecord*>(&record));
       },
@@ -84,27 +84,38 @@ struct SiteThreads {
   uint32_t site;
 };
 
-void WriteSiteThread(uint32_t ordinal, uint64_t context) {
-  const SiteThreads& site = *reinterpret_cast<const SiteThreads*>(context);
+// Of a thread whose record is gone nobody knows more than that it was there.
+void WriteSiteThread(const SiteThreads& site, uint32_t ordinal, const Weight* weight) {
   const ThreadRecord* const record =
       static_cast<const ThreadRecord*>(__QvLookupHashTable(site.threads, ordinal));
-  if (record == nullptr || site.site >= kTalliedSites) return;
+  if (record == nullptr || (weight == nullptr && site.site >= kTalliedSites)) return;
   const uint32_t index = 2 * site.site;
+  const Weight tally = weight != nullptr ? *weight
+                                         : Weight{__QvGetVectorElement(record->tallies, index),
+                                                  __QvGetVectorElement(record->tallies, index + 1)};
   __QvXMLStartWritingOpeningTag(site.file, "thread");
   WriteAttribute(site.file, "id", record->threadId);
-  WriteAttribute(site.file, "allocations", WholeBlocks(__QvGetVectorElement(record->tallies, index)));
-  WriteAttribute(site.file, "bytes", WholeBytes(__QvGetVectorElement(record->tallies, index + 1)));
+  WriteAttribute(site.file, "allocations", WholeBlocks(tally.blocks));
+  WriteAttribute(site.file, "bytes", WholeBytes(tally.bytes));
   __QvXMLFinishWritingOpeningTag(site.file);
   __QvXMLAppendClosingTag(site.file, "thread");
 }
 
-void WriteSiteThreads(QV_XML_FILE* file, QV_HASH_TABLE* threads, const Site& site) {
+void WriteOtherThread(uint32_t ordinal, uint64_t context) {
+  WriteSiteThread(*reinterpret_cast<const SiteThreads*>(context), ordinal, nullptr);
+}
+
+void WriteSiteThreads(QV_XML_FILE* file, QV_HASH_TABLE* threads, const Site& site,
+                      const SiteFigures& figures) {
   const SiteThreads context = {file, threads, site.number};
+  const Weight byFirst = {figures.allocations - figures.byOthers.blocks,
+                          figures.bytesAllocated - figures.byOthers.bytes};
   const SpinGuard guard(g_sitesLock);
   __QvXMLStartWritingOpeningTag(file, "threads");
-  WriteAttribute(file, "count", site.threads.count);
+  WriteAttribute(file, "count", site.otherThreads.count + (site.firstThread != 0 ? 1u : 0u));
   __QvXMLFinishWritingOpeningTag(file);
-  __QvScanSet(&site.threads, WriteSiteThread, reinterpret_cast<uint64_t>(&context));
+  WriteSiteThread(context, site.firstThread, &byFirst);
+  __QvScanSet(&site.otherThreads, WriteOtherThread, reinterpret_cast<uint64_t>(&context));
   __QvXMLWriteClosingTag(file, "threads");
 }
 
@@ -143,8 +154,9 @@ void WriteSite(QV_XML_FILE* file, QV_HASH_TABLE* threads, Site& site) {
   WriteAttribute(file, "epoch", site.stack != nullptr ? site.stack->epoch : 0);
   __QvXMLFinishWritingOpeningTag(file);
   WriteStack(file, site.stack);
-  WriteSiteFigures(file, ReadSite(site));
-  WriteSiteThreads(file, threads, site);
+  const SiteFigures figures = ReadSite(site);
+  WriteSiteFigures(file, figures);
+  WriteSiteThreads(file, threads, site, figures);
   __QvXMLWriteClosingTag(file, "site");
 }
 

@@ -23,6 +23,10 @@ constinit thread_local Provided t_provided[1 + Provision::kMostSlabs] = {};
 constinit uint32_t g_numbers[kRoomCategories] = {};
 constinit uint64_t g_largeBytes[kRoomCategories] = {};
 
+constexpr uint64_t kReserveBytes[] = {kSlabBytes, kSlabBytes, kSlabBytes,
+                                      sizeof(QV_XML_FILE) + kLargeHeadBytes};
+constinit void* g_reserve[sizeof kReserveBytes / sizeof kReserveBytes[0]] = {};  // census lock
+
 // The library's allocate hook.
 void* TakeBlock(uint64_t bytes) {
   for (Provided& provided : t_provided) {
@@ -37,13 +41,9 @@ void* TakeBlock(uint64_t bytes) {
   return QvHostAllocate(bytes);
 }
 
-// The host's block; the second attempt is after small sites were folded.
 bool Provide(Provided& provided, uint64_t bytes) {
   void* block = QvHostAllocate(bytes);
-  if (block == nullptr) {
-    FoldSmallSites();
-    block = QvHostAllocate(bytes);
-  }
+  if (block == nullptr && FoldSmallSites()) block = QvHostAllocate(bytes);
   provided = {block, bytes};
   return block != nullptr;
 }
@@ -79,6 +79,19 @@ Provision::Provision(uint32_t slabs, uint64_t largestBytes) {
 
 Provision::~Provision() {
   for (uint32_t i = 1; i <= kMostSlabs; i++) GiveBack(t_provided[i]);
+}
+
+void KeepReserveLocked() {
+  for (uint32_t i = 0; i < sizeof g_reserve / sizeof g_reserve[0]; i++) {
+    if (g_reserve[i] == nullptr) g_reserve[i] = QvHostAllocate(kReserveBytes[i]);
+  }
+}
+
+void GiveReserveBackLocked() {
+  for (void*& block : g_reserve) {
+    if (block != nullptr) QvHostFree(block);
+    block = nullptr;
+  }
 }
 
 void* Allocate(Category category, uint64_t bytes) {

@@ -44,6 +44,11 @@ class Provision : NonCopyable {
   bool granted_ = true;
 };
 
+// What a results file takes to be begun is kept from the start: where the memory has run out, there is
+// all the more to tell. Giving it back makes the next provision of that size certain. The census lock.
+void KeepReserveLocked();
+void GiveReserveBackLocked();
+
 // Null if there is no memory. It provides for itself. Above a mebibyte it is cleared, as the host's
 // contract has it.
 void* Allocate(Category category, uint64_t bytes);

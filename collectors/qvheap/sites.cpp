@@ -19,6 +19,7 @@ constexpr uint32_t kEpochs = 3;        // an image may go while a stack that lea
 constinit Site* g_chunks[kChunks] = {};
 constinit uint32_t g_count = 0;
 constinit uint64_t g_foldedCount = 0;
+constinit uint64_t g_leftByFolding = 0;  // unfolded sites after the last time
 constinit bool g_sitesStay = false;
 constinit QV_HASH_TABLE* g_table = nullptr;
 constinit QV_HASH_TABLE* g_staleTable = nullptr;  // of the parent process
@@ -84,14 +85,17 @@ bool MakeRoomForSiteLocked() {
 Site& BeginSiteLocked() {
   const uint32_t number = g_count + 1;
   Site& site = SiteOf(number);
-  __QvEmptySet(&site.threads);
+  __QvEmptySet(&site.otherThreads);
   site = {};
-  site.threads.category = LibraryCategory(kRoomSites) & 0xFF;
+  site.otherThreads.category = LibraryCategory(kRoomSites) & 0xFF;
   site.number = number;
   site.peakNumber = __atomic_load_n(&g_peakNumber, __ATOMIC_RELAXED);
   __atomic_store_n(&g_count, number, __ATOMIC_RELEASE);
   return site;
 }
+
+// Where there is no memory for a site of its own, the stack counts as folded from the start.
+Site* SiteWithoutMemoryLocked() { return g_count != 0 ? &SiteOf(kFoldedSite) : nullptr; }
 
 QVHEAP_COLD Site* MakeSiteSlow(Stack& stack) {
   const SignalsBlocked blocked;
@@ -100,7 +104,7 @@ QVHEAP_COLD Site* MakeSiteSlow(Stack& stack) {
   }
   const Provision provision(kSlabsForSite, LeafGrowthBytes(SiteCount(), kLeaves));
   const SpinGuard guard(g_sitesLock);
-  if (!provision.Granted() || !MakeRoomForSiteLocked()) return nullptr;
+  if (!provision.Granted() || !MakeRoomForSiteLocked()) return SiteWithoutMemoryLocked();
   QV_HASH_TABLE* const table = TableLocked();
   void* const found = __QvLookupHashTable(table, KeyOf(stack));  // made meanwhile by another thread
   if (found != nullptr) return static_cast<Site*>(found);
@@ -123,11 +127,19 @@ QVHEAP_INLINE void BringPeakUpToDateLocked(Site& site) {
 // The site itself, or the one that it was folded into; its lock is held.
 QVHEAP_INLINE Site& LockUnfolded(Site& site) {
   __QvAcquireSpinLock(&site.lock);
-  if (QVHEAP_LIKELY(!site.isFolded)) return site;
+  if (QVHEAP_LIKELY(site.isFolded == 0)) return site;
   __QvReleaseSpinLock(&site.lock);
   Site& folded = SiteOf(kFoldedSite);
   __QvAcquireSpinLock(&folded.lock);
   return folded;
+}
+
+// The site of folded ones has no first thread: nobody knows whose their blocks were.
+QVHEAP_INLINE bool IsFirstThreadLocked(Site& site, uint32_t ordinal) {
+  if (QVHEAP_UNLIKELY(site.firstThread == 0) && site.number != kFoldedSite) {
+    site.firstThread = ordinal & 0x7FFFFFFF;
+  }
+  return site.firstThread == ordinal;
 }
 
 void Accumulate(SiteFigures& sum, const SiteFigures& figures) {
@@ -152,7 +164,7 @@ uint64_t SmallSizeLocked() {
   const uint32_t step = g_count / 63 + 1;
   for (uint32_t number = kFoldedSite + 1; number <= g_count && count < 63; number += step) {
     const Site& site = SiteOf(number);
-    if (site.isFolded) continue;
+    if (site.isFolded != 0) continue;
     uint32_t at = count++;
     for (; at > 0 && sizes[at - 1] > SizeOf(site.figures); at--) sizes[at] = sizes[at - 1];
     sizes[at] = SizeOf(site.figures);
@@ -168,7 +180,7 @@ void FoldLocked(Site& site) {
     BringPeakUpToDateLocked(site);
     figures = site.figures;
     site.figures = {};
-    site.isFolded = true;
+    site.isFolded = 1;
     site.stack = nullptr;
   }
   Site& folded = SiteOf(kFoldedSite);
@@ -178,17 +190,28 @@ void FoldLocked(Site& site) {
   g_foldedCount++;
 }
 
-int32_t FoldIfSmall(void* data, uint64_t smallSize) {
+struct Folding {
+  uint64_t smallSize;
+  uint32_t mayFold;  // half of the sites at most, be they all of one size
+};
+
+int32_t FoldIfSmall(void* data, uint64_t context) {
+  Folding& folding = *reinterpret_cast<Folding*>(context);
   Site& site = *static_cast<Site*>(data);
-  if (SizeOf(site.figures) > smallSize) return 0;
+  if (SizeOf(site.figures) > folding.smallSize || folding.mayFold == 0) return 0;
+  folding.mayFold--;
   FoldLocked(site);
-  __QvEmptySet(&site.threads);
+  __QvEmptySet(&site.otherThreads);
   return 1;
 }
 
+uint64_t UnfoldedLocked() { return g_count > kFoldedSite ? g_count - kFoldedSite - g_foldedCount : 0; }
+
 void FoldSmallSitesLocked() {
-  if (g_count <= kFoldedSite || g_sitesStay) return;
-  __QvScanHashTable(g_table, FoldIfSmall, SmallSizeLocked(), 1, nullptr, nullptr);
+  if (UnfoldedLocked() == 0 || g_sitesStay) return;
+  Folding folding = {SmallSizeLocked(), uint32_t(UnfoldedLocked() + 1) / 2};
+  __QvScanHashTable(g_table, FoldIfSmall, reinterpret_cast<uint64_t>(&folding), 1, nullptr, nullptr);
+  g_leftByFolding = UnfoldedLocked();
 }
 
 }  // namespace
@@ -205,7 +228,7 @@ Site* FindOrMakeSite(Stack& stack) {
   return QVHEAP_LIKELY(found != nullptr) ? static_cast<Site*>(found) : MakeSiteSlow(stack);
 }
 
-void CountAtSite(Site& counted, const Weight& weight) {
+bool CountAtSite(Site& counted, uint32_t threadOrdinal, const Weight& weight) {
   Site& site = LockUnfolded(counted);
   BringPeakUpToDateLocked(site);
   SiteFigures& figures = site.figures;
@@ -213,7 +236,13 @@ void CountAtSite(Site& counted, const Weight& weight) {
   figures.allocations += weight.blocks;
   figures.bytesAllocated += weight.bytes;
   if (figures.LiveBytes() > figures.peakBytes) figures.peakBytes = figures.LiveBytes();
+  const bool isOther = !IsFirstThreadLocked(site, threadOrdinal);
+  if (QVHEAP_UNLIKELY(isOther)) {
+    figures.byOthers.blocks += weight.blocks;
+    figures.byOthers.bytes += weight.bytes;
+  }
   __QvReleaseSpinLock(&site.lock);
+  return isOther && site.number != kFoldedSite;
 }
 
 void CountReleaseAtSite(uint32_t number, const Weight& weight, uint32_t born) {
@@ -251,7 +280,7 @@ void RestartSitePeaks(int64_t liveBytes) {
 void AddThreadToSite(Site& site, uint32_t ordinal) {
   const Provision provision(1);
   const SpinGuard guard(g_sitesLock);
-  if (provision.Granted() && !site.isFolded) __QvAddAnElementToSet(&site.threads, ordinal);
+  if (provision.Granted() && site.isFolded == 0) __QvAddAnElementToSet(&site.otherThreads, ordinal);
 }
 
 SiteFigures ReadSite(Site& site) {
@@ -274,10 +303,12 @@ SitesStay::~SitesStay() {
 }
 
 // Something under g_sitesLock may need memory; the sites are not in order then.
-void FoldSmallSites() {
-  if (__QvIsSpinLockAcquiredByCallingThread(&g_sitesLock) != 0) return;
+bool FoldSmallSites() {
+  if (__QvIsSpinLockAcquiredByCallingThread(&g_sitesLock) != 0) return false;
   const SpinGuard guard(g_sitesLock);
+  if (UnfoldedLocked() <= g_leftByFolding + g_leftByFolding / 4) return false;
   FoldSmallSitesLocked();
+  return true;
 }
 
 void FoldSmallSitesIfCan() {
@@ -291,7 +322,7 @@ void FoldSmallSitesIfCan() {
 void ForgetAllSites() {
   __QvInitializeSpinLock(&g_sitesLock);
   g_count = 0;
-  g_foldedCount = 0;
+  g_foldedCount = g_leftByFolding = 0;
   g_sitesStay = false;
   g_peakTotal = 0;
   if (g_table == nullptr) return;

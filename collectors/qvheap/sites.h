@@ -8,6 +8,9 @@
 // has no stack. Their figures go to it, their stacks, table entries and sets are freed, and their
 // records say only that they were folded.
 //
+// Most sites are used by one thread. The first one is noted in the record and has no tally: what it
+// allocated is what the others (tallies.h) did not.
+//
 // The share of a site in the process's peak is kept without touching all sites at each new peak: every
 // new peak has a number. A site that changes looks whether there was one since it last changed; if so,
 // what was live up to now was live then (it had not changed). Who reads a site looks in the same way.
@@ -37,6 +40,7 @@ struct SiteFigures {
   uint64_t peakBytes;
   uint64_t liveAtPeakBytes;
   uint64_t lifetimes[kLifetimes];  // weights of blocks
+  Weight byOthers;                 // allocated by other threads than the first
 
   uint64_t LiveBytes() const { return bytesAllocated - bytesReleased; }
   uint64_t LiveBlocks() const { return allocations - releases; }
@@ -48,8 +52,9 @@ struct Site {
   uint64_t peakNumber;  // of the process's last peak that liveAtPeakBytes knows
   Stack* stack;         // null: folded, or the site of folded ones
   uint32_t number;
-  bool isFolded;
-  QV_SET threads;  // ordinals of those that allocated here
+  uint32_t firstThread : 31;  // ordinal of the first that allocated here; 0: nobody has
+  uint32_t isFolded : 1;
+  QV_SET otherThreads;  // ordinals of the others
 };
 
 // Looks the stack up; makes the site if there is none, in the present epoch. Null if there is no
@@ -57,7 +62,8 @@ struct Site {
 Site* FindOrMakeSite(Stack& stack);
 Site& SiteOf(uint32_t number);
 
-void CountAtSite(Site& site, const Weight& weight);
+// True if the thread is not the site's first, so that it has to tally.
+bool CountAtSite(Site& site, uint32_t threadOrdinal, const Weight& weight);
 void CountReleaseAtSite(uint32_t number, const Weight& weight, uint32_t born);
 // The process has so many live bytes; a new peak gets its number.
 void NoteTotal(int64_t liveBytes);
@@ -79,7 +85,10 @@ class SitesStay : NonCopyable {
   ~SitesStay();
 };
 
-void FoldSmallSites();       // waits for who is making a site
+// False if there is nothing to be gained: what folding gives back are chunks here and there, not always
+// what is asked for, and it is not done again before there are more sites than the last time left.
+// Waits for who is making a site.
+bool FoldSmallSites();
 void FoldSmallSitesIfCan();  // a collector of memory: never waits
 void ForgetAllSites();       // in a child process
 

@@ -75,40 +75,50 @@ void MakeAllStale(Tables<Table>& tables) {
   tables.inUse = nullptr;
 }
 
-Middle* FindMiddleLocked(uint64_t index) {
-  if (g_middles[index] != nullptr) return g_middles[index];
-  Middle* const middle = MakeTableLocked(g_middleTables);
-  if (middle == nullptr) return nullptr;
-  middle->index = index;
-  __atomic_store_n(&g_middles[index], middle, __ATOMIC_RELEASE);
-  return middle;
+// Were an origin to be 0, the table would be taken for missing, and blocks there for unrecorded.
+void PublishOrigin(uint64_t& origin, const void* table, uint64_t firstIndex, uint64_t elementBytes) {
+  __atomic_store_n(&origin, reinterpret_cast<uint64_t>(table) - firstIndex * elementBytes,
+                   __ATOMIC_RELEASE);
 }
 
-bool MakeLeafLocked(Middle& middle, uint64_t index) {
-  if (middle.leaves[index] != nullptr) return true;
+bool MakeMiddleLocked(uint64_t index) {
+  if (g_middles[index] != 0) return true;
+  Middle* const middle = MakeTableLocked(g_middleTables);
+  if (middle == nullptr) return false;
+  middle->index = index;
+  PublishOrigin(g_middles[index], middle->leaves, index << (kMiddleShift - kLeafShift),
+                sizeof middle->leaves[0]);
+  return true;
+}
+
+bool MakeLeafLocked(uint64_t index) {
+  const uint64_t leaves = g_middles[index >> (kMiddleShift - kLeafShift)];
+  uint64_t& origin = *reinterpret_cast<uint64_t*>(leaves + index * sizeof leaves);
+  if (origin != 0) return true;
   Leaf* const leaf = MakeTableLocked(g_leaves);
-  __atomic_store_n(&middle.leaves[index], leaf, __ATOMIC_RELEASE);
-  return leaf != nullptr;
+  if (leaf == nullptr) return false;
+  PublishOrigin(origin, leaf->codes, index << (kLeafShift - kGranuleShift), sizeof leaf->codes[0]);
+  return true;
 }
 
 }  // namespace
 
-constinit Middle* g_middles[1 << (kAddressBits - kMiddleShift)] = {};
+constinit uint64_t g_middles[kMiddles] = {};
 
 uint8_t* MakeCodeSlow(const void* block) {
   const uint64_t address = reinterpret_cast<uint64_t>(block);
   if (address >> kAddressBits != 0) return nullptr;
   const Inside inside;
   const SpinGuard guard(g_censusLock);
-  Middle* const middle = FindMiddleLocked(address >> kMiddleShift);
-  if (middle == nullptr) return nullptr;
-  if (!MakeLeafLocked(*middle, (address >> kLeafShift) % kLeavesPerMiddle)) return nullptr;
+  if (!MakeMiddleLocked(address >> kMiddleShift) || !MakeLeafLocked(address >> kLeafShift)) {
+    return nullptr;
+  }
   return FindCode(block);
 }
 
 void ForgetAllSizes() {
   for (Middle* middle = g_middleTables.inUse; middle != nullptr; middle = middle->next) {
-    g_middles[middle->index] = nullptr;
+    g_middles[middle->index] = 0;
   }
   MakeAllStale(g_middleTables);
   MakeAllStale(g_leaves);

@@ -10,6 +10,9 @@
 //                  |           |          |
 //             g_middles   Middle::leaves  Leaf::codes: what starts in these 8 bytes
 //
+// What leads from one to the next is an origin: where the element would be that belongs to address 0,
+// if the table began there. So the upper bits of the index need not be cut off.
+//
 //   code   0            no block that we know
 //          1 to 248     a block of code - 1 bytes
 //          251 to 254   a block that was looked at (collectors/qvheap/blocks.h)
@@ -55,26 +58,34 @@ struct Leaf {
 struct Middle {
   Middle* next;  // as in Leaf
   uint64_t index;
-  Leaf* leaves[kLeavesPerMiddle];
+  uint64_t leaves[kLeavesPerMiddle];  // origins of their codes; 0: there is none
 };
 
-extern Middle* g_middles[1 << (kAddressBits - kMiddleShift)];
+inline constexpr uint64_t kMiddles = 1 << (kAddressBits - kMiddleShift);
+extern QVHEAP_OURS uint64_t g_middles[kMiddles];  // origins of their leaves; 0: there is none
 
 // Null if there is no memory for the tables, or the address is beyond them.
 QVHEAP_COLD uint8_t* MakeCodeSlow(const void* block);
 // For a child process; the census lock is held, other threads do not exist.
 void ForgetAllSizes();
 
-QVHEAP_INLINE uint8_t* FindCode(const void* block) {
+// Among the first so many middle tables.
+QVHEAP_INLINE uint8_t* FindCodeAmong(const void* block, uint64_t middles) {
   const uint64_t address = reinterpret_cast<uint64_t>(block);
-  if (QVHEAP_UNLIKELY(address >> kAddressBits != 0)) return nullptr;
-  Middle* const middle = __atomic_load_n(&g_middles[address >> kMiddleShift], __ATOMIC_ACQUIRE);
-  if (QVHEAP_UNLIKELY(middle == nullptr)) return nullptr;
-  Leaf* const leaf =
-      __atomic_load_n(&middle->leaves[(address >> kLeafShift) % kLeavesPerMiddle], __ATOMIC_ACQUIRE);
-  if (QVHEAP_UNLIKELY(leaf == nullptr)) return nullptr;
-  return &leaf->codes[(address >> kGranuleShift) % kCodesPerLeaf];
+  const uint64_t index = address >> kMiddleShift;
+  if (QVHEAP_UNLIKELY(index >= middles)) return nullptr;
+  const uint64_t leaves = __atomic_load_n(&g_middles[index], __ATOMIC_ACQUIRE);
+  if (QVHEAP_UNLIKELY(leaves == 0)) return nullptr;
+  const uint64_t codes = __atomic_load_n(
+      reinterpret_cast<const uint64_t*>(leaves + (address >> kLeafShift) * sizeof leaves),
+      __ATOMIC_ACQUIRE);
+  if (QVHEAP_UNLIKELY(codes == 0)) return nullptr;
+  uint8_t* const code = reinterpret_cast<uint8_t*>(codes + (address >> kGranuleShift));
+  if (code == nullptr) __builtin_unreachable();  // or callers would ask a third time
+  return code;
 }
+
+QVHEAP_INLINE uint8_t* FindCode(const void* block) { return FindCodeAmong(block, kMiddles); }
 
 struct __attribute__((packed, may_alias)) LongCode {
   uint8_t mark;  // kLongCode

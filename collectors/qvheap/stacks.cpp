@@ -6,12 +6,27 @@
 #include <string.h>
 
 #include "collectors/qvheap/census.h"
-#include "collectors/qvheap/unwind.h"
+#include "collectors/qvheap/trail.h"
 
 namespace qvheap {
 namespace {
 
 using BackTrace = int (*)(void**, int);
+
+constinit thread_local Trail t_trail = {};
+// Where the next call of backtrace, which is the capture's, is to begin. One that comes between from a
+// signal handler uses it up: a walk that a handler makes amid another one must not meet that one's
+// trail.
+constinit thread_local void** t_call = nullptr;
+
+int CollectorsBackTrace(void** frames, int count, const uint64_t* frameAddress) {
+  void** const call = Load(t_call);
+  if (QVHEAP_UNLIKELY(call == nullptr || count > kMostAlongTrail)) {
+    return Unwind(frames, count, frameAddress);
+  }
+  Store<void**>(t_call, nullptr);
+  return UnwindAlong(t_trail, frames, count, reinterpret_cast<const uint64_t*>(call), frameAddress);
+}
 
 // Two lanes, since a multiplication waits for the one before.
 uint64_t HashOf(const Stack& stack) {
@@ -36,12 +51,9 @@ void SetEpoch(Stack& stack, uint32_t epoch) {
   stack.hash = HashOf(stack);
 }
 
-void CaptureStack(Stack& stack, uint32_t epoch, void* caller) {
-  stack.depth = __QvCaptureStackBackTrace(0, 0, 0, caller, 0, stack.frames);
-  if (QVHEAP_UNLIKELY(stack.depth == 0)) {
-    stack.frames[0] = caller;
-    stack.depth = 1;
-  }
+void CaptureStack(Stack& stack, uint32_t epoch, void** call) {
+  Store(t_call, call);
+  stack.depth = __QvCaptureStackBackTrace(0, 0, 0, *call, 0, stack.frames);
   SetEpoch(stack, epoch);
 }
 
@@ -51,7 +63,7 @@ void CaptureStack(Stack& stack, uint32_t epoch, void* caller) {
 __attribute__((visibility("default"))) int backtrace(void** frames, int count) {
   using namespace qvheap;
   if (QVHEAP_LIKELY(t_inside)) {
-    return Unwind(frames, count, static_cast<uint64_t*>(__builtin_frame_address(0)));
+    return CollectorsBackTrace(frames, count, static_cast<uint64_t*>(__builtin_frame_address(0)));
   }
   static BackTrace another = nullptr;
   BackTrace found = Load(another);

@@ -5,14 +5,14 @@
 // program libc's.
 //
 //   stack:  | capture | collector ... | wrapper's caller | ... program ... |
-//                                       '- first frame that is kept
+//                                       '- where the collector's own begins, and what is kept
 #pragma once
 
 #include "collectors/qvheap/words.h"
 
 namespace qvheap {
 
-inline constexpr uint32_t kMostFrames = 25;  // the library's, our own included
+inline constexpr uint32_t kMostFrames = 25;  // the library's
 
 // As a key of the table of sites: equal if epoch and frames are.
 struct Stack {
@@ -23,8 +23,7 @@ struct Stack {
 };
 
 void SetEpoch(Stack& stack, uint32_t epoch);
-// From `caller` on, which is the return address of the wrapper. If the unwinder does not get so far,
-// caller alone. The caller is Looking.
-void CaptureStack(Stack& stack, uint32_t epoch, void* caller);
+// From the return address at `call` on, which is the wrapper's. The caller is Looking.
+void CaptureStack(Stack& stack, uint32_t epoch, void** call);
 
 }  // namespace qvheap

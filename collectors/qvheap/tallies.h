@@ -1,4 +1,5 @@
-// Which thread allocated how much at which site: a vector for each thread, made with its first look.
+// Which thread allocated how much at which site, unless it is the site's first (sites.h): a vector for
+// each thread.
 //
 //   element   2 n      weight of the blocks that the thread allocated at site n
 //             2 n + 1  weight of their bytes

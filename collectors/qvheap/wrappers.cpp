@@ -27,18 +27,26 @@ QVHEAP_INLINE ThreadRecord* Enter() {
   return QVHEAP_LIKELY(me != nullptr) ? me : EnterSlow();
 }
 
-// Where the program called the exported function that this is inlined into: the innermost frame of its
-// stack.
-#define QVHEAP_CALLER __builtin_return_address(0)
+// Where on the stack the program's call put the return address of the exported function that this is
+// inlined into. It is worked out where it is used, on a slow path, from the stack pointer there; the
+// assembler keeps the compiler from doing so early, and from keeping it in a register until then.
+struct Here {
+  QVHEAP_INLINE operator void**() const {
+    void* cfa = __builtin_dwarf_cfa();
+    __asm__ volatile("" : "+r"(cfa));
+    return static_cast<void**>(cfa) - 1;
+  }
+};
 
-// A block that has no code yet, or none.
-QVHEAP_COLD void* NoteSlow(ThreadRecord& me, void* block, uint64_t bytes, void* caller) {
+// A block that has no code yet, or none, or that is not to be counted.
+QVHEAP_COLD void* NoteSlow(ThreadRecord& me, void* block, uint64_t bytes, void** call) {
+  if (IsPaused()) return block;
   if (block == nullptr) {
     Add(me.counts.figures[kFailedRequests], 1);
   } else if (!KeepSize(block, bytes)) {
     Add(me.counts.figures[kUnrecorded], 1);
   } else if (CountAllocation(me, bytes, BucketOf(bytes))) {
-    return AllocatedSlow(me, block, bytes, caller);
+    return AllocatedSlow(me, block, bytes, call);
   }
   return block;
 }
@@ -46,10 +54,10 @@ QVHEAP_COLD void* NoteSlow(ThreadRecord& me, void* block, uint64_t bytes, void* 
 // The outcome of a request: counted if it was granted, and perhaps looked at. Whatever is not the
 // common way ends in a function of its own, so that the wrappers save no registers for it. (Nothing
 // begins in the first bytes of the address space, so a null block is one without a code.)
-QVHEAP_INLINE void* Note(ThreadRecord& me, void* block, uint64_t bytes, void* caller) {
-  if (IsPaused()) return block;
-  uint8_t* const code = FindCode(block);
-  if (QVHEAP_UNLIKELY(code == nullptr)) return NoteSlow(me, block, bytes, caller);
+template <class Call>
+QVHEAP_INLINE void* Note(ThreadRecord& me, void* block, uint64_t bytes, Call call) {
+  uint8_t* const code = FindCodeUnlessPaused(block);
+  if (QVHEAP_UNLIKELY(code == nullptr)) return NoteSlow(me, block, bytes, call);
   bool isSlow;
   if (IsShort(bytes)) {
     KeepShortSize(code, bytes);
@@ -58,7 +66,7 @@ QVHEAP_INLINE void* Note(ThreadRecord& me, void* block, uint64_t bytes, void* ca
     KeepLongSize(code, bytes);
     isSlow = CountAllocation(me, bytes, BucketOf(bytes));
   }
-  return isSlow ? AllocatedSlow(me, block, bytes, caller) : block;
+  return isSlow ? AllocatedSlow(me, block, bytes, call) : block;
 }
 
 // On the collector's own behalf, or while the real functions are being looked for.
@@ -139,8 +147,9 @@ QVHEAP_COLD void* ReallocateInside(void* block, size_t bytes) {
 }
 
 // A block of `former` bytes, known or not, became one of `bytes` bytes, or nothing.
+template <class Call>
 QVHEAP_INLINE void NoteReallocation(ThreadRecord& me, uint64_t former, void* moved, uint64_t bytes,
-                                    void* caller) {
+                                    Call call) {
   if (QVHEAP_LIKELY(former != kUnknownSize)) {
     CountRelease(me, former);
   } else {
@@ -148,12 +157,12 @@ QVHEAP_INLINE void NoteReallocation(ThreadRecord& me, uint64_t former, void* mov
   }
   if (moved == nullptr || IsPaused()) return;
   Add(me.counts.figures[kReallocations], 1);
-  Note(me, moved, bytes, caller);
+  Note(me, moved, bytes, call);
 }
 
 // For the sites too, a realloc is a release of the old block and an allocation of the new one; but it
 // may fail, and then it is neither.
-QVHEAP_COLD void* ReallocateLookedAt(ThreadRecord& me, void* block, size_t bytes, void* caller) {
+QVHEAP_COLD void* ReallocateLookedAt(ThreadRecord& me, void* block, size_t bytes, void** call) {
   const Sight sight = TakeForReallocation(me, block);
   void* const moved = g_real.realloc(block, bytes);
   if (moved == nullptr && bytes != 0) {
@@ -162,29 +171,29 @@ QVHEAP_COLD void* ReallocateLookedAt(ThreadRecord& me, void* block, size_t bytes
     return nullptr;
   }
   CountTaken(me, sight);
-  NoteReallocation(me, sight.bytes, moved, bytes, caller);
+  NoteReallocation(me, sight.bytes, moved, bytes, call);
   return moved;
 }
 
-QVHEAP_COLD void* AllocateSlow(size_t bytes, void* caller) {
+QVHEAP_COLD void* AllocateSlow(size_t bytes, void** call) {
   ThreadRecord* const me = EnterSlow();
   if (me == nullptr) return AllocateInside(bytes);
-  return Note(*me, g_real.malloc(bytes), bytes, caller);
+  return Note(*me, g_real.malloc(bytes), bytes, call);
 }
 
 // On behalf of an exported function: malloc, where there is no block yet.
-QVHEAP_INLINE void* Allocate(size_t bytes, void* caller) {
+QVHEAP_INLINE void* Allocate(size_t bytes) {
   ThreadRecord* const me = t_counting;
-  if (QVHEAP_UNLIKELY(me == nullptr)) return AllocateSlow(bytes, caller);
-  return Note(*me, g_real.malloc(bytes), bytes, caller);
+  if (QVHEAP_UNLIKELY(me == nullptr)) return AllocateSlow(bytes, Here());
+  return Note(*me, g_real.malloc(bytes), bytes, Here());
 }
 
-QVHEAP_INLINE void* Reallocate(void* block, size_t bytes, void* caller) {
-  if (block == nullptr) return Allocate(bytes, caller);
+QVHEAP_INLINE void* Reallocate(void* block, size_t bytes) {
+  if (block == nullptr) return Allocate(bytes);
   ThreadRecord* const me = Enter();
   if (QVHEAP_UNLIKELY(me == nullptr)) return ReallocateInside(block, bytes);
   const uint64_t former = TakeSize(block);
-  if (QVHEAP_UNLIKELY(former == kLookedAt)) return ReallocateLookedAt(*me, block, bytes, caller);
+  if (QVHEAP_UNLIKELY(former == kLookedAt)) return ReallocateLookedAt(*me, block, bytes, Here());
   if (QVHEAP_UNLIKELY(former == kUnknownSize && IsInArena(block)))
     return ReallocateInArena(block, bytes);
   void* const moved = g_real.realloc(block, bytes);
@@ -193,17 +202,17 @@ QVHEAP_INLINE void* Reallocate(void* block, size_t bytes, void* caller) {
     if (former != kUnknownSize) KeepSize(block, former);  // it is still there
     return nullptr;
   }
-  NoteReallocation(*me, former, moved, bytes, caller);
+  NoteReallocation(*me, former, moved, bytes, Here());
   return moved;
 }
 
 // An aligned request; `real` makes it. None comes from the collector itself but by way of libc, which
 // makes none for what we have it do; were it to, it would simply not be counted.
-template <class Call>
-QVHEAP_INLINE void* Aligned(size_t bytes, void* caller, Call real) {
+template <class Real>
+QVHEAP_INLINE void* Aligned(size_t bytes, Real real) {
   ThreadRecord* const me = Enter();
   void* const block = real();
-  return me != nullptr ? Note(*me, block, bytes, caller) : block;
+  return me != nullptr ? Note(*me, block, bytes, Here()) : block;
 }
 
 }  // namespace
@@ -211,14 +220,14 @@ QVHEAP_INLINE void* Aligned(size_t bytes, void* caller, Call real) {
 
 using namespace qvheap;
 
-QVHEAP_EXPORT void* malloc(size_t bytes) noexcept { return Allocate(bytes, QVHEAP_CALLER); }
+QVHEAP_EXPORT void* malloc(size_t bytes) noexcept { return Allocate(bytes); }
 
 QVHEAP_EXPORT void* calloc(size_t count, size_t bytes) noexcept {
   size_t total;
   const bool overflows = __builtin_mul_overflow(count, bytes, &total);
   ThreadRecord* const me = Enter();
   if (QVHEAP_UNLIKELY(me == nullptr)) return overflows ? nullptr : AllocateInside(total);
-  return Note(*me, g_real.calloc(count, bytes), total, QVHEAP_CALLER);
+  return Note(*me, g_real.calloc(count, bytes), total, Here());
 }
 
 QVHEAP_EXPORT void free(void* block) noexcept {
@@ -228,30 +237,28 @@ QVHEAP_EXPORT void free(void* block) noexcept {
   Free(*me, block);
 }
 
-QVHEAP_EXPORT void* realloc(void* block, size_t bytes) noexcept {
-  return Reallocate(block, bytes, QVHEAP_CALLER);
-}
+QVHEAP_EXPORT void* realloc(void* block, size_t bytes) noexcept { return Reallocate(block, bytes); }
 
 QVHEAP_EXPORT void* reallocarray(void* block, size_t count, size_t bytes) noexcept {
   size_t total;
-  if (!__builtin_mul_overflow(count, bytes, &total)) return Reallocate(block, total, QVHEAP_CALLER);
+  if (!__builtin_mul_overflow(count, bytes, &total)) return Reallocate(block, total);
   if (ThreadRecord* const me = Enter()) Add(me->counts.figures[kFailedRequests], 1);
   errno = ENOMEM;
   return nullptr;
 }
 
 QVHEAP_EXPORT void* memalign(size_t alignment, size_t bytes) noexcept {
-  return Aligned(bytes, QVHEAP_CALLER, [=] { return g_real.memalign(alignment, bytes); });
+  return Aligned(bytes, [=] { return g_real.memalign(alignment, bytes); });
 }
 
 QVHEAP_EXPORT void* aligned_alloc(size_t alignment, size_t bytes) noexcept {
-  return Aligned(bytes, QVHEAP_CALLER, [=] { return g_real.alignedAlloc(alignment, bytes); });
+  return Aligned(bytes, [=] { return g_real.alignedAlloc(alignment, bytes); });
 }
 
 QVHEAP_EXPORT int posix_memalign(void** block, size_t alignment, size_t bytes) noexcept {
   int error = 0;
   void* fresh = nullptr;
-  Aligned(bytes, QVHEAP_CALLER, [&] {
+  Aligned(bytes, [&] {
     error = g_real.posixMemalign(&fresh, alignment, bytes);
     return error == 0 ? fresh : nullptr;
   });
@@ -260,11 +267,11 @@ QVHEAP_EXPORT int posix_memalign(void** block, size_t alignment, size_t bytes) n
 }
 
 QVHEAP_EXPORT void* valloc(size_t bytes) noexcept {
-  return Aligned(bytes, QVHEAP_CALLER, [=] { return g_real.valloc(bytes); });
+  return Aligned(bytes, [=] { return g_real.valloc(bytes); });
 }
 
 QVHEAP_EXPORT void* pvalloc(size_t bytes) noexcept {
-  return Aligned(bytes, QVHEAP_CALLER, [=] { return g_real.pvalloc(bytes); });
+  return Aligned(bytes, [=] { return g_real.pvalloc(bytes); });
 }
 
 QVHEAP_EXPORT int fclose(FILE* stream) {
