@@ -173,6 +173,31 @@ TEST(QvheapSites, StacksAreThoseThatLibcsUnwinderSees) {
   EXPECT_GE(compared, 5);
 }
 
+// Each walk but the first goes along the one before where it can. A frame taken from there that is no
+// longer the stack's gives a stack that the program never had.
+TEST(QvheapSites, NoStackIsTakenForTheOneBefore) {
+  for (int seed : {1, 2, 3}) {
+    const ChildResult child =
+        Shell("exec " QVHEAP " -quiet -exact -- " WANDER " " + std::to_string(seed));
+    ASSERT_EQ(child.status, 0) << child.err;
+    std::map<std::vector<uint64_t>, uint64_t> found;
+    for (const ResultsSite& site : ResultsOf(child).sites) {
+      found[{site.stack.begin() + 1, site.stack.end()}] += site.figures.at("allocations");
+    }
+    std::istringstream lines(child.Read("stacks.txt"));
+    size_t compared = 0;
+    for (std::string line; std::getline(lines, line); compared++) {
+      std::istringstream words(line);
+      uint64_t hits;
+      words >> hits;
+      std::vector<uint64_t> frames;
+      for (std::string word; words >> word;) frames.push_back(std::stoull(word, nullptr, 16));
+      ASSERT_EQ(found[frames], hits) << line;
+    }
+    EXPECT_GT(compared, 5000u);
+  }
+}
+
 TEST(QvheapSites, TheLibrarysCaptureIsBoundToTheCollectorsUnwinder) {
   const ChildResult child = Shell("LD_DEBUG=bindings exec " QVHEAP " -quiet -- " SITES_SUBJECT " none");
   EXPECT_NE(child.err.find("/libqvrt12.so [0] to " COLLECTOR " [0]: normal symbol `backtrace'"),
