@@ -17,7 +17,7 @@ uint16_t __QvCaptureStackBackTrace(uintptr_t, uintptr_t, uintptr_t, void* startF
   if (count <= 0) return 0;
   for (int i = 0; i < count; i++) {
     if (frames[i] != startFrame) continue;
-    memmove(frames, frames + i, size_t(count - i) * sizeof(void*));
+    if (i != 0) memmove(frames, frames + i, size_t(count - i) * sizeof(void*));
     return uint16_t(count - i);
   }
   return 0;

@@ -18,43 +18,47 @@ constinit thread_local Trail t_trail = {};
 // signal handler uses it up: a walk that a handler makes amid another one must not meet that one's
 // trail.
 constinit thread_local void** t_call = nullptr;
+constinit thread_local uint64_t t_chain = 0;  // the hash of what was found last; 0: not known
 
 int CollectorsBackTrace(void** frames, int count, const uint64_t* frameAddress) {
   void** const call = Load(t_call);
   if (QVHEAP_UNLIKELY(call == nullptr || count > kMostAlongTrail)) {
+    Store(t_chain, uint64_t{0});
     return Unwind(frames, count, frameAddress);
   }
   Store<void**>(t_call, nullptr);
-  return UnwindAlong(t_trail, frames, count, reinterpret_cast<const uint64_t*>(call), frameAddress);
+  uint64_t chain;
+  const int found =
+      UnwindAlong(t_trail, frames, count, reinterpret_cast<const uint64_t*>(call), frameAddress, chain);
+  Store(t_chain, chain);
+  return found;
 }
 
-// Two lanes, since a multiplication waits for the one before.
-uint64_t HashOf(const Stack& stack) {
-  constexpr uint64_t kOdd = 0x9E3779B97F4A7C15;
-  uint64_t even = stack.depth, odd = stack.epoch;
-  for (uint32_t i = 0; i + 1 < stack.depth; i += 2) {
-    even = (even ^ reinterpret_cast<uint64_t>(stack.frames[i])) * kOdd;
-    odd = (odd ^ reinterpret_cast<uint64_t>(stack.frames[i + 1])) * kOdd;
-    even ^= even >> 32;
-    odd ^= odd >> 29;
+uint64_t ChainOf(const Stack& stack) {
+  uint64_t chain = 0;
+  for (uint32_t i = stack.depth; i > 0; i--) {
+    chain = ChainHash(chain, reinterpret_cast<uint64_t>(stack.frames[i - 1]));
   }
-  if (stack.depth % 2 != 0) even ^= reinterpret_cast<uint64_t>(stack.frames[stack.depth - 1]);
-  uint64_t hash = (even ^ odd * kOdd) * kOdd;
+  return chain;
+}
+
+void Finish(Stack& stack, uint64_t chain, uint32_t epoch) {
+  constexpr uint64_t kOdd = 0x9E3779B97F4A7C15;
+  stack.epoch = epoch;
+  uint64_t hash = (chain ^ uint64_t{epoch} << 32) * kOdd;
   hash ^= hash >> 31;
-  return hash * kOdd;
+  stack.hash = hash * kOdd;
 }
 
 }  // namespace
 
-void SetEpoch(Stack& stack, uint32_t epoch) {
-  stack.epoch = epoch;
-  stack.hash = HashOf(stack);
-}
+void SetEpoch(Stack& stack, uint32_t epoch) { Finish(stack, ChainOf(stack), epoch); }
 
 void CaptureStack(Stack& stack, uint32_t epoch, void** call) {
   Store(t_call, call);
   stack.depth = __QvCaptureStackBackTrace(0, 0, 0, *call, 0, stack.frames);
-  SetEpoch(stack, epoch);
+  const uint64_t chain = Load(t_chain);
+  Finish(stack, QVHEAP_LIKELY(chain != 0) ? chain : ChainOf(stack), epoch);
 }
 
 }  // namespace qvheap

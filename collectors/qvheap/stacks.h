@@ -16,7 +16,7 @@ inline constexpr uint32_t kMostFrames = 25;  // the library's
 
 // As a key of the table of sites: equal if epoch and frames are.
 struct Stack {
-  uint64_t hash;
+  uint64_t hash;   // of the frames, by way of ChainHash, and of the epoch
   uint32_t epoch;  // modules.h
   uint32_t depth;
   void* frames[kMostFrames];  // innermost first; in a kept stack only `depth` of them are there

@@ -23,14 +23,19 @@ class Walk : NonCopyable {
         frame_{*call, reinterpret_cast<uint64_t>(call + 1), 0, false},
         last_(trail.last) {}
 
-  uint32_t Run() {
+  uint32_t Run(uint64_t& hash) {
     at_ = trail_.first;
     bool isOnTrail = GoToTrail();
     while (QVHEAP_LIKELY(isOnTrail) && GoAlong() && !IsEnough()) {
       LeaveTrail();
       isOnTrail = GoToTrail();
     }
-    if (freshCount_ != 0) PutFresh(isOnTrail);
+    if (freshCount_ != 0) {
+      PutFresh(isOnTrail);
+    } else {
+      trail_.first = met_;
+    }
+    hash = Hash();
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
     trail_.last = last_;
     return found_;
@@ -38,7 +43,7 @@ class Walk : NonCopyable {
 
  private:
   static Step StepOf(const Frame& frame, Rule rule) {
-    return {frame.isInterrupted ? kInterruptedRsp : frame.rsp, frame.pc, rule};
+    return {frame.isInterrupted ? kInterruptedRsp : frame.rsp, frame.pc, rule, 0};
   }
 
   bool IsEnough() const { return found_ == count_ || frame_.pc == 0; }
@@ -132,6 +137,7 @@ class Walk : NonCopyable {
     if (!leadsOn) return false;
     BeginChange();
     trail_.steps[at_] = StepOf(frame_, rule);
+    unchanged_ = at_ + 1;
     return true;
   }
 
@@ -151,7 +157,7 @@ class Walk : NonCopyable {
     freshCount_ += count;
   }
 
-  void BeginChange() {  // (3)
+  void BeginChange() {  // (4)
     trail_.last = trail_.first;
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
   }
@@ -166,10 +172,35 @@ class Walk : NonCopyable {
       if (kept > kTrailSteps - place) kept = kTrailSteps - place;
       memmove(steps + place, steps + met_, kept * sizeof *steps);
       met_ = place;
+      trail_.chainEnd = 0;
     }
     memcpy(steps + met_ - freshCount_, fresh_, freshCount_ * sizeof *steps);
     trail_.first = met_ - freshCount_;
     last_ = met_ + kept;
+  }
+
+  // Of all that was found, which are now neighbours on the trail.
+  uint64_t Hash() {
+    Step* const steps = trail_.steps;
+    const uint32_t begin = trail_.first;
+    const uint32_t end = begin + found_;
+    const uint32_t from = FirstChained(end);
+    uint64_t chain = from < end ? steps[from].chain : 0;
+    if (from == begin) return chain;
+    BeginChange();
+    for (uint32_t i = from; i > begin; i--) {
+      chain = ChainHash(chain, steps[i - 1].pc);
+      steps[i - 1].chain = chain;
+    }
+    trail_.chainEnd = end;
+    return chain;
+  }
+
+  // The step from which on (3) holds for this walk, too; `end` if for none.
+  uint32_t FirstChained(uint32_t end) const {
+    if (trail_.chainEnd != end) return end;
+    const uint32_t from = met_ > unchanged_ ? met_ : unchanged_;
+    return from < end ? from : end;
   }
 
   Trail& trail_;
@@ -180,9 +211,10 @@ class Walk : NonCopyable {
   uint32_t found_ = 0;
   Frame frame_;
   uint32_t at_ = 0;
-  uint32_t last_;       // of the trail, which is as if empty while it changes
-  uint32_t met_ = 0;    // the step where the walk came upon the trail
-  uint32_t rbpAt_ = 0;  // the step whose rbp is frame_.rbp
+  uint32_t last_;           // of the trail, which is as if empty while it changes
+  uint32_t met_ = 0;        // the step where the walk came upon the trail
+  uint32_t unchanged_ = 0;  // the first step that is as the walk before left it
+  uint32_t rbpAt_ = 0;      // the step whose rbp is frame_.rbp
   bool rbpIsKnown_ = false;
   uint32_t freshCount_ = 0;
   Step fresh_[kMostAlongTrail];  // walked before that
@@ -191,14 +223,14 @@ class Walk : NonCopyable {
 }  // namespace
 
 int UnwindAlong(Trail& trail, void** frames, int count, const uint64_t* call,
-                const uint64_t* frameAddress) {
+                const uint64_t* frameAddress, uint64_t& hash) {
   const uint32_t epoch = Load(g_epoch);
   if (QVHEAP_UNLIKELY(trail.epoch != epoch)) {
     trail.first = trail.last = 0;
     trail.epoch = epoch;
   }
   Walk walk(trail, frames, uint32_t(count), call, frameAddress);
-  return int(walk.Run());
+  return int(walk.Run(hash));
 }
 
 }  // namespace qvheap

@@ -19,7 +19,10 @@
 //      outer one's; a frame found by rbp did so when it was last walked through.
 //  (2) A frame that a signal interrupted is there under a stack pointer that no frame has: its rule is
 //      that of another address than a return address's.
-//  (3) A trail belongs to one thread and one epoch (modules.h). It is empty while it is changed: a
+//  (3) Up to chainEnd, where the last walk ended, `chain` of a step is the hash of its address and those
+//      further out. A walk that ends there too hashes only what it found changed. (Where it has made
+//      the trail longer it ends elsewhere.)
+//  (4) A trail belongs to one thread and one epoch (modules.h). It is empty while it is changed: a
 //      handler that interrupts that and never comes back leaves nothing half done.
 #pragma once
 
@@ -30,21 +33,29 @@ namespace qvheap {
 inline constexpr uint32_t kTrailSteps = 64;
 inline constexpr int kMostAlongTrail = 32;
 
+// The hash of a stack goes from its outermost frame inward, since it is there that stacks are the same.
+QVHEAP_INLINE uint64_t ChainHash(uint64_t chain, uint64_t pc) {
+  chain = (chain ^ pc) * 0x9E3779B97F4A7C15;
+  return chain ^ chain >> 32;
+}
+
 struct Step {
   uint64_t rsp, pc;
   Rule rule;
+  uint64_t chain;
 };
 
 struct Trail {
   uint32_t epoch;
   uint32_t first, last;
+  uint32_t chainEnd;
   Step steps[kTrailSteps];
 };
 
 // Return addresses from the one at `call` on, which is a call's on the calling thread's stack; at most
-// kMostAlongTrail. The walk begins there, not in the calling function, whose frame address is given for
+// kMostAlongTrail; and their hash. The walk begins there, not in the calling function, whose frame address is given for
 // the case that a frame is found by what rbp was at the call.
 int UnwindAlong(Trail& trail, void** frames, int count, const uint64_t* call,
-                const uint64_t* frameAddress);
+                const uint64_t* frameAddress, uint64_t& hash);
 
 }  // namespace qvheap

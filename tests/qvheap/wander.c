@@ -1,6 +1,6 @@
 /* A program that wanders through calls at random and allocates wherever it comes to. It asks libc's
  * unwinder for the stack of each allocation, and leaves in stacks.txt how often it came by each, one
- * line a stack, without the innermost frame:
+ * line a stack, of 25 frames at most and without the innermost one:
  *
  *   count address address ...
  *
@@ -18,7 +18,7 @@
 #include <string.h>
 #include <ucontext.h>
 
-enum { kMostFrames = 24, kStacks = 1 << 16, kDeepest = 9, kStackBytes = 1 << 16 };
+enum { kMostFrames = 24, kStacks = 1 << 16, kDeepest = 8, kStackBytes = 1 << 16 };
 
 typedef struct Stack {
   uint64_t hits;
@@ -56,14 +56,14 @@ static void Note(void* const* frames, int depth) {
 }
 
 /* The innermost frame is found by rsp, or by rbp. */
-#define ALLOCATE(name, room)                                                             \
-  __attribute__((noinline)) static void name(void) {                                     \
-    void* frames[kMostFrames + 1];                                                       \
-    volatile char* const more = room;                                                    \
-    const int depth = backtrace(frames, kMostFrames + 1);                                \
-    free(malloc(Random(500)));                                                           \
-    if (depth <= kMostFrames) Note(frames + 1, depth - 1); /* else qvheap has no more */ \
-    g_count += more != NULL;                                                             \
+#define ALLOCATE(name, room)                              \
+  __attribute__((noinline)) static void name(void) {      \
+    void* frames[kMostFrames + 1];                        \
+    volatile char* const more = room;                     \
+    const int depth = backtrace(frames, kMostFrames + 1); \
+    free(malloc(Random(500)));                            \
+    Note(frames + 1, depth - 1);                          \
+    g_count += more != NULL;                              \
   }
 ALLOCATE(Allocate, NULL)
 ALLOCATE(AllocateInVariableFrame, __builtin_alloca(16 + Random(3) * 16))
@@ -106,6 +106,14 @@ __attribute__((noinline)) static void Aligned(int depth) {
   g_count += room[0] + more[0];
 }
 
+/* Deeper than what is kept of a stack: what is kept is the same from many depths. */
+__attribute__((noinline)) static void Deep(int depth) {
+  Allocate();
+  if (depth > 0) Deep(depth - 1);
+  if (Random(2) == 0) Allocate();
+  g_count++;
+}
+
 static void Handle(int number) {
   g_count += number;
   Wander(kDeepest - 2);
@@ -143,7 +151,7 @@ static void Wander(int depth) {
     default: Allocate(); break;
   }
   if (depth >= kDeepest) return;
-  switch (Random(depth == 3 ? 10 : 7)) {
+  switch (Random(depth == 3 ? 11 : 7)) {
     case 0:
     case 1: Small(depth); break;
     case 2: SmallToo(depth); break;
@@ -155,6 +163,7 @@ static void Wander(int depth) {
       break;
     case 7: Raise(SIGUSR1); break;
     case 8: Raise(SIGUSR2); break;
+    case 9: Deep((int)Random(40)); break;
     default: Switch(); break;
   }
   g_count++;
@@ -163,7 +172,7 @@ static void Wander(int depth) {
 static void* Begin(void* argument) {
   const stack_t signalStack = {.ss_sp = g_signalStack, .ss_size = sizeof g_signalStack};
   sigaltstack(&signalStack, NULL);
-  for (int i = 0; i < 600; i++) {
+  for (int i = 0; i < 500; i++) {
     g_mayJump = 1;
     if (setjmp(g_way) == 0) Wander(0);
   }
