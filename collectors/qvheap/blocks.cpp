@@ -11,9 +11,11 @@ namespace qvheap {
 namespace {
 
 constexpr uint64_t kInCodesFromBytes = 144;
-constexpr uint64_t kInShortCodeFromBytes = 57;
+// From so many bytes on a block has eight codes to itself, or four: of libc's, which puts blocks of 32,
+// 48, 64 ... bytes beside one another with 8 bytes of its own in each, or of any allocator's.
+constexpr uint64_t kLibcsEightCodes = 41, kAnyEightCodes = 57;
+constexpr uint64_t kLibcsFourCodes = 0, kAnyFourCodes = 25;
 constexpr uint32_t kInShortCodeToSite = (1 << 16) - 1;
-constexpr uint64_t kInRecordFromBytes = 25;  // unless libc allocates
 constexpr uint32_t kRecordsPerChunk = 1 << 16;
 constexpr uint32_t kChunks = 1 << 8;  // numbers have 24 bits
 constexpr uint32_t kLargestSite = (1 << 24) - 1;
@@ -30,7 +32,8 @@ struct __attribute__((packed, may_alias)) ShortCodeInPlace {
   uint16_t site;
   uint32_t born;
 };
-static_assert((sizeof(ShortCodeInPlace) - 1) << kGranuleShift < kInShortCodeFromBytes);
+static_assert((sizeof(ShortCodeInPlace) - 1) << kGranuleShift < kAnyEightCodes);
+static_assert((kLibcsEightCodes + 8 + 15) / 16 * 16 >= sizeof(ShortCodeInPlace) << kGranuleShift);
 static_assert(kInCodesFromBytes <= 256);
 
 struct __attribute__((packed, may_alias)) CodeInPlace {
@@ -42,7 +45,8 @@ struct __attribute__((packed, may_alias)) CodeInPlace {
 static_assert(sizeof(CodeInPlace) <= sizeof(Leaf::overrun) + 1);
 static_assert(sizeof(CodeInPlace) << kGranuleShift <= kInCodesFromBytes);
 
-constinit bool g_everyBlockHasFourCodes = false;
+constinit uint64_t g_eightCodesFrom = kAnyEightCodes;
+constinit uint64_t g_fourCodesFrom = kAnyFourCodes;
 
 // ---- Records ---------------------------------------------------------------------------------------
 
@@ -213,16 +217,18 @@ bool IsExact(const Sight& sight) {
 }
 
 bool MayBeInRecord(const Sight& sight) {
-  return sight.site <= kLargestSite && (g_everyBlockHasFourCodes || sight.bytes >= kInRecordFromBytes);
+  return sight.site <= kLargestSite && sight.bytes >= g_fourCodesFrom;
 }
 
 }  // namespace
 
 void InstallBlocks() {
   Dl_info allocator, library;
-  g_everyBlockHasFourCodes = dladdr(reinterpret_cast<void*>(g_real.malloc), &allocator) != 0 &&
-                             dladdr(reinterpret_cast<void*>(g_real.fclose), &library) != 0 &&
-                             allocator.dli_fbase == library.dli_fbase;
+  if (dladdr(reinterpret_cast<void*>(g_real.malloc), &allocator) == 0) return;
+  if (dladdr(reinterpret_cast<void*>(g_real.fclose), &library) == 0) return;
+  if (allocator.dli_fbase != library.dli_fbase) return;
+  g_eightCodesFrom = kLibcsEightCodes;
+  g_fourCodesFrom = kLibcsFourCodes;
 }
 
 bool KeepSight(ThreadRecord& me, const void* block, const Sight& sight) {
@@ -232,7 +238,7 @@ bool KeepSight(ThreadRecord& me, const void* block, const Sight& sight) {
     KeepInCodes(code, sight);
     return true;
   }
-  if (sight.bytes >= kInShortCodeFromBytes && sight.site <= kInShortCodeToSite) {
+  if (sight.bytes >= g_eightCodesFrom && sight.site <= kInShortCodeToSite) {
     KeepInShortCode(code, sight);
     return true;
   }

@@ -9,6 +9,7 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "collectors/qvheap/census.h"
@@ -38,9 +39,20 @@ void RunOnce() {
   if (_setjmp(end) == 0) g_work.function(g_work.argument);
 }
 
+// Whoever begins or ends the channel goes on holding the census lock for as long as a start or a report
+// takes, in which a thread that spins would take the program a processor.
+class SleepingGuard : NonCopyable {
+ public:
+  SleepingGuard() {
+    constexpr struct timespec kPause = {0, 500000};
+    while (__QvTryToAcquireSpinLock(&g_censusLock, 0) == 0) nanosleep(&kPause, nullptr);
+  }
+  ~SleepingGuard() { __QvReleaseSpinLock(&g_censusLock); }
+};
+
 // Whether the worker was only disturbed. If somebody else removed the semaphore, the rest goes too.
 bool ChannelGoesOn() {
-  const SpinGuard guard(g_censusLock);
+  const SleepingGuard guard;
   if (g_channelState != ChannelState::kOpen) return false;
   if (semctl(theCommandHandler.semaphoreId, 0, GETVAL) != -1) return true;
   CloseChannelLocked(ChannelState::kOff);
@@ -79,13 +91,13 @@ void* RunWorker(void*) {
   prctl(PR_SET_NAME, "qvheap");
   __atomic_store_n(&g_threadId, gettid(), __ATOMIC_RELEASE);
   {
-    const SpinGuard guard(g_censusLock);
+    const SleepingGuard guard;
     EquipLocked();
   }
   do {
     RunOnce();
   } while (ChannelGoesOn());
-  const SpinGuard guard(g_censusLock);
+  const SleepingGuard guard;
   DetachArea();
   __atomic_store_n(&g_exists, 0u, __ATOMIC_RELEASE);
   return nullptr;
