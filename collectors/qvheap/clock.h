@@ -37,7 +37,7 @@ QVHEAP_INLINE uint64_t Ticks() {
 }
 QVHEAP_INLINE uint32_t NowUnits() { return uint32_t(Ticks() >> kUnitShift); }
 
-enum Lifetime : uint32_t { kWithin1ms, kWithin1s, kLonger, kLifetimes };
+enum Lifetime : uint32_t { kWithin1ms, kWithin1s, kLonger };
 
 QVHEAP_INLINE Lifetime LifetimeSince(uint32_t born) {
   if (QVHEAP_UNLIKELY(Load(g_clock.unitsPerMillisecond) == 0)) MeasureClock();

@@ -119,12 +119,12 @@ void WriteSiteThreads(QV_XML_FILE* file, QV_HASH_TABLE* threads, const Site& sit
   __QvXMLWriteClosingTag(file, "threads");
 }
 
-void WriteStack(QV_XML_FILE* file, const Stack* stack) {
-  char text[kMostFrames * 17 + 1] = {};
+void WriteStack(QV_XML_FILE* file, const PackedStack* stack) {
+  char text[kMostKept * 17 + 1] = {};
   uint32_t used = 0;
   for (uint32_t i = 0; stack != nullptr && i < stack->depth; i++) {
-    used += uint32_t(snprintf(text + used, sizeof text - used, i == 0 ? "%lx" : " %lx",
-                              reinterpret_cast<uint64_t>(stack->frames[i])));
+    used +=
+        uint32_t(snprintf(text + used, sizeof text - used, i == 0 ? "%lx" : " %lx", stack->Frame(i)));
   }
   __QvXMLWriteStringElement(file, "stack", text);
 }
@@ -142,7 +142,9 @@ void WriteSiteFigures(QV_XML_FILE* file, const SiteFigures& figures) {
   __QvXMLStartWritingOpeningTag(file, "lifetimes");
   WriteAttribute(file, "within1ms", WholeBlocks(figures.lifetimes[kWithin1ms]));
   WriteAttribute(file, "within1s", WholeBlocks(figures.lifetimes[kWithin1s]));
-  WriteAttribute(file, "longer", WholeBlocks(figures.lifetimes[kLonger]));
+  WriteAttribute(
+      file, "longer",
+      WholeBlocks(figures.releases - figures.lifetimes[kWithin1ms] - figures.lifetimes[kWithin1s]));
   WriteAttribute(file, "never", WholeBlocks(figures.LiveBlocks()));
   __QvXMLFinishWritingOpeningTag(file);
   __QvXMLAppendClosingTag(file, "lifetimes");

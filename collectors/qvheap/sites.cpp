@@ -30,20 +30,30 @@ constinit uint64_t g_peakNumber = 0;
 
 // ---- The table -------------------------------------------------------------------------------------
 
-const Stack& StackOf(uint64_t key) { return *reinterpret_cast<const Stack*>(key); }
-uint64_t KeyOf(const Stack& stack) { return reinterpret_cast<uint64_t>(&stack); }
+const StackHead& HeadOf(uint64_t key) { return *reinterpret_cast<const StackHead*>(key); }
+uint64_t KeyOf(const StackHead& stack) { return reinterpret_cast<uint64_t>(&stack); }
 
-uint64_t HashForLeaf(const QV_HASH_TABLE*, uint64_t key) { return StackOf(key).hash; }
+uint64_t HashForLeaf(const QV_HASH_TABLE*, uint64_t key) { return HeadOf(key).hash; }
 // Of the 256 sub-tables that there could be, 64: each has 10 KiB from the start.
 constexpr uint32_t kLeaves = 64;
-uint64_t HashForUpper(const QV_HASH_TABLE*, uint64_t key) { return StackOf(key).hash >> 58; }
+uint64_t HashForUpper(const QV_HASH_TABLE*, uint64_t key) { return HeadOf(key).hash >> 58; }
 static_assert(kLeaves == 1 << (64 - 58));
 
+bool FramesAreEqual(const PackedStack& packed, const Stack& stack) {
+  uint64_t difference = 0;
+  for (uint32_t i = 0; i < packed.depth; i++) {
+    difference |= packed.Frame(i) ^ reinterpret_cast<uint64_t>(stack.frames[i]);
+  }
+  return difference == 0;
+}
+
+// An entry's key is packed; the other one is, too, where the table makes sure that it has no such entry.
 int32_t StacksAreEqual(uint64_t entryKey, uint64_t key) {
-  const Stack& a = StackOf(entryKey);
-  const Stack& b = StackOf(key);
-  return a.hash == b.hash && a.epoch == b.epoch && a.depth == b.depth &&
-         memcmp(a.frames, b.frames, a.depth * sizeof a.frames[0]) == 0;
+  const PackedStack& a = static_cast<const PackedStack&>(HeadOf(entryKey));
+  const StackHead& b = HeadOf(key);
+  if (a.hash != b.hash || a.epoch != b.epoch || a.depth != b.depth) return 0;
+  if (QVHEAP_LIKELY(b.isPacked == 0)) return FramesAreEqual(a, static_cast<const Stack&>(b));
+  return memcmp(a.frames, static_cast<const PackedStack&>(b).frames, a.depth * kPackedFrameBytes) == 0;
 }
 
 void FreeStack(uint64_t key) { __QvFree(reinterpret_cast<void*>(key)); }
@@ -59,11 +69,16 @@ QV_HASH_TABLE* TableLocked() {
   return table;
 }
 
-Stack* CopyStack(const Stack& stack) {
-  const uint32_t bytes = uint32_t(offsetof(Stack, frames) + stack.depth * sizeof stack.frames[0]);
-  Stack* const copy = static_cast<Stack*>(__QvMalloc(LibraryCategory(kRoomStacks), bytes, 0));
-  memcpy(static_cast<void*>(copy), &stack, bytes);
-  return copy;
+PackedStack* PackStack(const Stack& stack) {
+  const uint32_t bytes = uint32_t{sizeof(StackHead)} + stack.depth * kPackedFrameBytes + 2;
+  PackedStack* const packed =
+      static_cast<PackedStack*>(__QvMalloc(LibraryCategory(kRoomStacks), bytes, 0));
+  static_cast<StackHead&>(*packed) = stack;
+  packed->isPacked = 1;
+  for (uint32_t i = 0; i < stack.depth; i++) {  // each but the last is written over by the next in part
+    memcpy(packed->frames + kPackedFrameBytes * i, &stack.frames[i], sizeof stack.frames[i]);
+  }
+  return packed;
 }
 
 // ---- Records ---------------------------------------------------------------------------------------
@@ -110,7 +125,7 @@ QVHEAP_COLD Site* MakeSiteSlow(Stack& stack) {
   if (found != nullptr) return static_cast<Site*>(found);
   if (g_count == 0) BeginSiteLocked();
   Site& site = BeginSiteLocked();
-  site.stack = CopyStack(stack);
+  site.stack = PackStack(stack);
   __QvInsertHashTableEntry(table, KeyOf(*site.stack), &site);
   return &site;
 }
@@ -150,7 +165,7 @@ void Accumulate(SiteFigures& sum, const SiteFigures& figures) {
   sum.bytesReleased += figures.bytesReleased;
   sum.liveAtPeakBytes += figures.liveAtPeakBytes;
   if (sum.LiveBytes() > sum.peakBytes) sum.peakBytes = sum.LiveBytes();
-  for (uint32_t i = 0; i < kLifetimes; i++) sum.lifetimes[i] += figures.lifetimes[i];
+  for (uint32_t i = 0; i < kLonger; i++) sum.lifetimes[i] += figures.lifetimes[i];
 }
 
 // ---- Folding ---------------------------------------------------------------------------------------
@@ -251,7 +266,7 @@ void CountReleaseAtSite(uint32_t number, const Weight& weight, uint32_t born) {
   BringPeakUpToDateLocked(site);
   site.figures.releases += weight.blocks;
   site.figures.bytesReleased += weight.bytes;
-  site.figures.lifetimes[lifetime] += weight.blocks;
+  if (lifetime < kLonger) site.figures.lifetimes[lifetime] += weight.blocks;
   __QvReleaseSpinLock(&site.lock);
 }
 

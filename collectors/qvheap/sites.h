@@ -39,8 +39,8 @@ struct SiteFigures {
   uint64_t bytesAllocated, bytesReleased;  // weights of bytes, as the next two
   uint64_t peakBytes;
   uint64_t liveAtPeakBytes;
-  uint64_t lifetimes[kLifetimes];  // weights of blocks
-  Weight byOthers;                 // allocated by other threads than the first
+  uint64_t lifetimes[kLonger];  // weights of blocks; the other releases are of those that lived longer
+  Weight byOthers;              // allocated by other threads than the first
 
   uint64_t LiveBytes() const { return bytesAllocated - bytesReleased; }
   uint64_t LiveBlocks() const { return allocations - releases; }
@@ -50,7 +50,7 @@ struct Site {
   QV_SPIN_LOCK lock;
   SiteFigures figures;
   uint64_t peakNumber;  // of the process's last peak that liveAtPeakBytes knows
-  Stack* stack;         // null: folded, or the site of folded ones
+  PackedStack* stack;   // null: folded, or the site of folded ones
   uint32_t number;
   uint32_t firstThread : 31;  // ordinal of the first that allocated here; 0: nobody has
   uint32_t isFolded : 1;

@@ -22,14 +22,14 @@ constinit thread_local uint64_t t_chain = 0;  // the hash of what was found last
 
 int CollectorsBackTrace(void** frames, int count, const uint64_t* frameAddress) {
   void** const call = Load(t_call);
-  if (QVHEAP_UNLIKELY(call == nullptr || count > kMostAlongTrail)) {
+  if (QVHEAP_UNLIKELY(call == nullptr || count < kMostKept)) {
     Store(t_chain, uint64_t{0});
     return Unwind(frames, count, frameAddress);
   }
   Store<void**>(t_call, nullptr);
   uint64_t chain;
-  const int found =
-      UnwindAlong(t_trail, frames, count, reinterpret_cast<const uint64_t*>(call), frameAddress, chain);
+  const int found = UnwindAlong(t_trail, frames, kMostKept, reinterpret_cast<const uint64_t*>(call),
+                                frameAddress, chain);
   Store(t_chain, chain);
   return found;
 }
@@ -56,7 +56,13 @@ void SetEpoch(Stack& stack, uint32_t epoch) { Finish(stack, ChainOf(stack), epoc
 
 void CaptureStack(Stack& stack, uint32_t epoch, void** call) {
   Store(t_call, call);
-  stack.depth = __QvCaptureStackBackTrace(0, 0, 0, *call, 0, stack.frames);
+  stack.isPacked = 0;
+  const uint16_t depth = __QvCaptureStackBackTrace(0, 0, 0, *call, 0, stack.frames);
+  stack.depth = depth < kMostKept ? depth : uint16_t{kMostKept};
+  if (QVHEAP_UNLIKELY(depth == 0)) {  // without the trail, and it did not get so far
+    stack.frames[0] = *call;
+    stack.depth = 1;
+  }
   const uint64_t chain = Load(t_chain);
   Finish(stack, QVHEAP_LIKELY(chain != 0) ? chain : ChainOf(stack), epoch);
 }

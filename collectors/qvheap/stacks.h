@@ -8,18 +8,38 @@
 //                                       '- where the collector's own begins, and what is kept
 #pragma once
 
+#include <string.h>
+
 #include "collectors/qvheap/words.h"
 
 namespace qvheap {
 
-inline constexpr uint32_t kMostFrames = 25;  // the library's
+inline constexpr int kMostFrames = 25;  // the library's
+// So many are kept. Each frame more makes more sites of the same place, deep in recursion.
+inline constexpr int kMostKept = 22;
 
 // As a key of the table of sites: equal if epoch and frames are.
-struct Stack {
+struct StackHead {
   uint64_t hash;   // of the frames, by way of ChainHash, and of the epoch
   uint32_t epoch;  // modules.h
-  uint32_t depth;
-  void* frames[kMostFrames];  // innermost first; in a kept stack only `depth` of them are there
+  uint16_t depth;
+  uint16_t isPacked;  // 1 in a PackedStack, 0 in a Stack
+};
+
+struct Stack : StackHead {
+  void* frames[kMostFrames];  // innermost first
+};
+
+// What a site keeps: six bytes a frame, since no address of a program has more.
+inline constexpr uint32_t kPackedFrameBytes = 6;
+struct PackedStack : StackHead {
+  uint8_t frames[1];  // as many as it needs, and two bytes that a reader of the last one reads, too
+
+  uint64_t Frame(uint32_t i) const {
+    uint64_t bits;
+    memcpy(&bits, frames + kPackedFrameBytes * i, sizeof bits);
+    return bits & 0xFFFFFFFFFFFF;
+  }
 };
 
 void SetEpoch(Stack& stack, uint32_t epoch);

@@ -117,7 +117,7 @@ static void WriteLog(void) {
 static size_t RandomSize(void) {
   switch (Random(6)) {
     case 0: return 20 + Random(40); /* where libc gives a step more */
-    case 1: return 55 + Random(4);     /* the borders between the ways to keep a block */
+    case 1: return 55 + Random(4);  /* the borders between the ways to keep a block */
     case 2: return 142 + Random(4);
     case 3: return Random(5000);
     case 4: return 200000 + Random(100000);

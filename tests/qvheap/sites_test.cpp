@@ -364,7 +364,7 @@ TEST(QvheapSites, UnderALimitOnAddressSpaceTheProgramDoesWhatItDoes) {
 // images. All sites have one size, so a shortage that folded what is small would fold all of them; and
 // one that folded at each new site would leave a handful.
 TEST(QvheapSites, InAShortageOfMemorySmallSitesAreFoldedAndNothingIsLost) {
-  for (int megabytes : {24, 34, 50}) {
+  for (int megabytes : {24, 34, 44}) {
     const ChildResult child = Shell("ulimit -v " + std::to_string(megabytes) +
                                     "000; exec " QVHEAP " -quiet -exact -- " SITES_SUBJECT " branches");
     ASSERT_EQ(child.status, 0) << child.err;

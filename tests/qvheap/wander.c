@@ -1,6 +1,6 @@
 /* A program that wanders through calls at random and allocates wherever it comes to. It asks libc's
  * unwinder for the stack of each allocation, and leaves in stacks.txt how often it came by each, one
- * line a stack, of 25 frames at most and without the innermost one:
+ * line a stack, of 22 frames at most and without the innermost one:
  *
  *   count address address ...
  *
@@ -18,7 +18,7 @@
 #include <string.h>
 #include <ucontext.h>
 
-enum { kMostFrames = 24, kStacks = 1 << 16, kDeepest = 8, kStackBytes = 1 << 16 };
+enum { kMostFrames = 21, kStacks = 1 << 16, kDeepest = 8, kStackBytes = 1 << 16 };
 
 typedef struct Stack {
   uint64_t hits;
