@@ -101,14 +101,17 @@ ThreadRecord* UnusedRecordLocked() {
   return folded != nullptr ? folded : NewRecordLocked();
 }
 
-// A record that is used again still has the tallies of the thread before.
+// A record that is used again still has what belonged to the thread before.
 void BeginLocked(ThreadRecord& record) {
   QV_VECTOR* const tallies = record.tallies;
+  Trail* const trail = record.trail;
   record = {};
   record.threadId = MyThreadId();
   record.mayOwe = kSettleBytes;
   record.settleBelow = -kSettleBytes;
   record.tallies = tallies;
+  record.trail = trail;
+  record.wantsTrail = trail == nullptr;
   LinkRunningLocked(record);
   record.ordinal = uint32_t(++g_threads);
   BeginLooks(record);

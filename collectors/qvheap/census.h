@@ -76,6 +76,8 @@ struct ThreadRecord {
   uint64_t random;
   uint64_t bytesAtPoint;  // allocated when the thread was last asked for the timeline
   QV_VECTOR* tallies;     // tallies.h
+  struct Trail* trail;    // trail.h; exact mode, from the first look to the thread's end
+  bool wantsTrail;        // has not asked for one yet
   ThreadRecord* next;
   ThreadRecord* previous;  // among the running ones
 };

@@ -3,6 +3,7 @@
 #include "collectors/qvheap/looking.h"
 
 #include <stdlib.h>
+#include <string.h>
 
 #include "collectors/qvheap/blocks.h"
 #include "collectors/qvheap/life.h"
@@ -11,6 +12,7 @@
 #include "collectors/qvheap/sites.h"
 #include "collectors/qvheap/tallies.h"
 #include "collectors/qvheap/timeline.h"
+#include "collectors/qvheap/trail.h"
 
 namespace qvheap {
 namespace {
@@ -39,7 +41,7 @@ QVHEAP_COLD void MissLook() { __atomic_fetch_add(&g_missed, 1, __ATOMIC_RELAXED)
 QVHEAP_INLINE void Record(ThreadRecord& me, const void* block, uint64_t bytes, const Weight& weight,
                           void** call) {
   Stack stack;
-  CaptureStack(stack, Load(g_epoch), call);
+  CaptureStack(stack, Load(g_epoch), call, me.trail);
   Site* const site = FindOrMakeSite(stack);
   if (QVHEAP_UNLIKELY(site == nullptr)) return MissLook();
   if (QVHEAP_UNLIKELY(!KeepSight(me, block, {site->number, NowUnits(), bytes, weight})))
@@ -63,9 +65,18 @@ QVHEAP_COLD void LookSampled(ThreadRecord& me, const void* block, uint64_t bytes
   Record(me, block, bytes, SampledWeight(bytes, g_intervalBytes), call);
 }
 
+// Without memory the thread has none, and is slower.
+QVHEAP_COLD void MakeTrailSlow(ThreadRecord& me) {
+  me.wantsTrail = false;
+  const SignalsBlocked blocked;
+  void* const trail = Allocate(kRoomThreads, sizeof(Trail));
+  if (trail != nullptr) me.trail = static_cast<Trail*>(memset(trail, 0, sizeof(Trail)));
+}
+
 void LookExactly(ThreadRecord& me, const void* block, uint64_t bytes, void** call) {
   me.untilLook = 0;
   const Looking looking(me);
+  if (QVHEAP_UNLIKELY(me.wantsTrail)) MakeTrailSlow(me);
   TimePasses(me);
   Record(me, block, bytes, ExactWeight(bytes), call);
 }
@@ -110,7 +121,10 @@ void BeginLooks(ThreadRecord& me) {
 
 void EndLooks(ThreadRecord& me) {
   const Looking looking(me);
+  const SignalsBlocked blocked;
   GiveRecordsBack(me);
+  __QvFree(me.trail);
+  me.trail = nullptr;
 }
 
 // The way ends where either has to happen. Releases only lengthen it, so it may end a little early.

@@ -13,23 +13,24 @@ namespace {
 
 using BackTrace = int (*)(void**, int);
 
-constinit thread_local Trail t_trail = {};
 // Where the next call of backtrace, which is the capture's, is to begin. One that comes between from a
 // signal handler uses it up: a walk that a handler makes amid another one must not meet that one's
 // trail.
 constinit thread_local void** t_call = nullptr;
+constinit thread_local Trail* t_trail = nullptr;
 constinit thread_local uint64_t t_chain = 0;  // the hash of what was found last; 0: not known
 
 int CollectorsBackTrace(void** frames, int count, const uint64_t* frameAddress) {
   void** const call = Load(t_call);
+  Store(t_chain, uint64_t{0});
   if (QVHEAP_UNLIKELY(call == nullptr || count < kMostKept)) {
-    Store(t_chain, uint64_t{0});
     return Unwind(frames, count, frameAddress);
   }
   Store<void**>(t_call, nullptr);
+  const uint64_t* const from = reinterpret_cast<const uint64_t*>(call);
+  if (t_trail == nullptr) return UnwindFrom(frames, kMostKept, from, frameAddress);
   uint64_t chain;
-  const int found = UnwindAlong(t_trail, frames, kMostKept, reinterpret_cast<const uint64_t*>(call),
-                                frameAddress, chain);
+  const int found = UnwindAlong(*t_trail, frames, kMostKept, from, frameAddress, chain);
   Store(t_chain, chain);
   return found;
 }
@@ -54,12 +55,13 @@ void Finish(Stack& stack, uint64_t chain, uint32_t epoch) {
 
 void SetEpoch(Stack& stack, uint32_t epoch) { Finish(stack, ChainOf(stack), epoch); }
 
-void CaptureStack(Stack& stack, uint32_t epoch, void** call) {
+void CaptureStack(Stack& stack, uint32_t epoch, void** call, Trail* trail) {
+  Store(t_trail, trail);
   Store(t_call, call);
   stack.isPacked = 0;
   const uint16_t depth = __QvCaptureStackBackTrace(0, 0, 0, *call, 0, stack.frames);
   stack.depth = depth < kMostKept ? depth : uint16_t{kMostKept};
-  if (QVHEAP_UNLIKELY(depth == 0)) {  // without the trail, and it did not get so far
+  if (QVHEAP_UNLIKELY(depth == 0)) {  // no way leads there
     stack.frames[0] = *call;
     stack.depth = 1;
   }

@@ -43,7 +43,9 @@ struct PackedStack : StackHead {
 };
 
 void SetEpoch(Stack& stack, uint32_t epoch);
-// From the return address at `call` on, which is the wrapper's. The caller is Looking.
-void CaptureStack(Stack& stack, uint32_t epoch, void** call);
+// From the return address at `call` on, which is the wrapper's; along the trail, if there is one. The
+// caller is Looking.
+struct Trail;
+void CaptureStack(Stack& stack, uint32_t epoch, void** call, Trail* trail);
 
 }  // namespace qvheap

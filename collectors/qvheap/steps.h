@@ -89,4 +89,7 @@ QVHEAP_INLINE bool Leave(Frame& frame, Rule rule) {
   return true;
 }
 
+// From a frame to the one that made the call at `call`. False if the way does not lead there.
+bool GoTo(Frame& frame, const uint64_t* call);
+
 }  // namespace qvheap

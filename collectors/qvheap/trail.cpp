@@ -8,7 +8,7 @@
 namespace qvheap {
 namespace {
 
-constexpr uint32_t kSpare = 20;          // steps left free for what comes further in
+constexpr uint32_t kSpare = 12;          // steps left free for what comes further in
 constexpr uint64_t kInterruptedRsp = 1;  // stack pointers are multiples of 8
 static_assert(kSpare + kMostAlongTrail <= kTrailSteps);
 
@@ -60,7 +60,7 @@ class Walk : NonCopyable {
       if (IsOnTrail(at_) && trail_.steps[at_].pc == frame_.pc) return true;
       frames_[found_++] = reinterpret_cast<void*>(frame_.pc);
       const Rule rule = RuleFor(frame_);
-      fresh_[freshCount_++] = StepOf(frame_, rule);
+      trail_.fresh[freshCount_++] = StepOf(frame_, rule);
       if (!LeaveFrame(rule)) return false;
     }
     return false;
@@ -75,9 +75,7 @@ class Walk : NonCopyable {
   // What rbp was at the call. It still is, in frame_: no frame since has saved another.
   QVHEAP_COLD void LearnRbpSlow() {
     Frame frame = FrameAt(frameAddress_);
-    const uint64_t end = reinterpret_cast<uint64_t>(call_ + 1);
-    while (frame.rsp < end && Leave(frame, RuleFor(frame))) {
-    }
+    GoTo(frame, call_);
     frame_.rbp = frame.rbp;
     rbpIsKnown_ = true;
   }
@@ -153,7 +151,7 @@ class Walk : NonCopyable {
   // What was walked along the trail is as if it had been walked without.
   QVHEAP_COLD void LeaveTrail() {
     const uint32_t count = at_ - met_;
-    memcpy(fresh_ + freshCount_, trail_.steps + met_, count * sizeof *fresh_);
+    memcpy(trail_.fresh + freshCount_, trail_.steps + met_, count * sizeof(Step));
     freshCount_ += count;
   }
 
@@ -174,7 +172,7 @@ class Walk : NonCopyable {
       met_ = place;
       trail_.chainEnd = 0;
     }
-    memcpy(steps + met_ - freshCount_, fresh_, freshCount_ * sizeof *steps);
+    memcpy(steps + met_ - freshCount_, trail_.fresh, freshCount_ * sizeof *steps);
     trail_.first = met_ - freshCount_;
     last_ = met_ + kept;
   }
@@ -216,8 +214,7 @@ class Walk : NonCopyable {
   uint32_t unchanged_ = 0;  // the first step that is as the walk before left it
   uint32_t rbpAt_ = 0;      // the step whose rbp is frame_.rbp
   bool rbpIsKnown_ = false;
-  uint32_t freshCount_ = 0;
-  Step fresh_[kMostAlongTrail];  // walked before that
+  uint32_t freshCount_ = 0;  // walked before that
 };
 
 }  // namespace

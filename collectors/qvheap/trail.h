@@ -30,8 +30,8 @@
 
 namespace qvheap {
 
-inline constexpr uint32_t kTrailSteps = 64;
-inline constexpr int kMostAlongTrail = 32;
+inline constexpr uint32_t kTrailSteps = 40;
+inline constexpr int kMostAlongTrail = 24;
 
 // The hash of a stack goes from its outermost frame inward, since it is there that stacks are the same.
 QVHEAP_INLINE uint64_t ChainHash(uint64_t chain, uint64_t pc) {
@@ -50,6 +50,7 @@ struct Trail {
   uint32_t first, last;
   uint32_t chainEnd;
   Step steps[kTrailSteps];
+  Step fresh[kMostAlongTrail];  // of the walk under way: a program's thread may have little stack
 };
 
 // Return addresses from the one at `call` on, which is a call's on the calling thread's stack; at most

@@ -15,14 +15,33 @@ Rule LearnRuleSlow(uint64_t pc) {
   return rule;
 }
 
-int Unwind(void** frames, int count, const uint64_t* frameAddress) {
-  Frame frame = FrameAt(frameAddress);
+namespace {
+
+int Walk(void** frames, int count, Frame frame) {
   int found = 0;
   while (found < count && frame.pc != 0) {
     frames[found++] = reinterpret_cast<void*>(frame.pc);
     if (!Leave(frame, RuleFor(frame))) break;
   }
   return found;
+}
+
+}  // namespace
+
+bool GoTo(Frame& frame, const uint64_t* call) {
+  const uint64_t rsp = reinterpret_cast<uint64_t>(call + 1);
+  while (frame.rsp < rsp && Leave(frame, RuleFor(frame))) {
+  }
+  return frame.rsp == rsp;
+}
+
+int Unwind(void** frames, int count, const uint64_t* frameAddress) {
+  return Walk(frames, count, FrameAt(frameAddress));
+}
+
+int UnwindFrom(void** frames, int count, const uint64_t* call, const uint64_t* frameAddress) {
+  Frame frame = FrameAt(frameAddress);
+  return GoTo(frame, call) ? Walk(frames, count, frame) : 0;
 }
 
 }  // namespace qvheap

@@ -51,5 +51,7 @@ struct Rule {
 
 // Return addresses from the caller of the calling function on, innermost first; how many.
 int Unwind(void** frames, int count, const uint64_t* frameAddress);
+// The same from the one at `call` on, which is that of a call further out on the stack.
+int UnwindFrom(void** frames, int count, const uint64_t* call, const uint64_t* frameAddress);
 
 }  // namespace qvheap
