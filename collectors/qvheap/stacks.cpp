@@ -20,7 +20,10 @@ constinit thread_local void** t_call = nullptr;
 constinit thread_local Trail* t_trail = nullptr;
 constinit thread_local uint64_t t_chain = 0;  // the hash of what was found last; 0: not known
 
-int CollectorsBackTrace(void** frames, int count, const uint64_t* frameAddress) {
+// Not inlined, so that the program's own calls need no frame in `backtrace`: they leave it by a jump, and
+// libc's unwinder begins in the program.
+__attribute__((noinline)) int CollectorsBackTrace(void** frames, int count,
+                                                  const uint64_t* frameAddress) {
   void** const call = Load(t_call);
   Store(t_chain, uint64_t{0});
   if (QVHEAP_UNLIKELY(call == nullptr || count < kMostKept)) {
