@@ -492,8 +492,8 @@ typedef struct QVLOG_MESSAGE {
  * The library's own twelve take ids 2 to 13 when the tool registers nothing before start-up. */
 QV_API uint32_t __QvRegisterLogMessage2(const QVLOG_MESSAGE* message);
 QV_API uint32_t __QvRegisterLogMessage(const QVLOG_MESSAGE* message); /* the same */
-/* Called by start-up: 1 if all twelve were registered and their ids stored. After a success it changes
- * nothing and returns 1. */
+/* Called by start-up: 1 if all twelve were registered and their ids stored. Each call registers them
+ * anew, so a tool has no use for it; one that finds the table full returns 0 and leaves the ids. */
 QV_API uint32_t __QvRegisterInternalQVRTLogMessages(void);
 
 /* A handle (1 to 15) under which messages name their source; 0xFFFFFFFF for a null name, before the
@@ -820,8 +820,8 @@ QV_API const char* __QvGetStringOptionArgumentValue(uint32_t parser, uint32_t op
 QV_API const char* __QvGetPathOptionArgumentValue(uint32_t parser, uint32_t option, uint32_t index);
 
 /* Calls back with each value of an append option, in the order they were given; the default is not
- * one. The callback may release the parser, which ends the walk, and may add values, which are then
- * visited too. A null callback does nothing. */
+ * one. The callback may add values, which are then visited too; one that releases the parser before the
+ * last value is a fatal defect of the tool. A null callback does nothing. */
 typedef void (*QV_OPTION_VALUE_CALLBACK)(const char* value, void* context);
 QV_API void __QvProcessAppendOptionValues(uint32_t parser, uint32_t option,
                                           QV_OPTION_VALUE_CALLBACK callback, void* context);
@@ -830,8 +830,8 @@ QV_API int32_t __QvIsOptionSet(uint32_t parser, uint32_t option);       /* 1 or 
 QV_API const char* __QvGetOptionName(uint32_t parser, uint32_t option); /* wrong ids: null */
 QV_API uint32_t __QvGetOptionFlags(uint32_t parser,
                                    uint32_t option); /* wrong ids: 0xFFFFFFFF, logged */
-/* How many values were set: 0, 1, or for an append option any number. The parser is not compared; an
- * unknown option has 0. */
+/* How many values were set: 0, 1, or for an append option any number, and so after the parser's release,
+ * too. The parser is not compared; an unknown option has 0. */
 QV_API uint32_t __QvGetOptionNumberOfArguments(uint32_t parser, uint32_t option);
 
 /* ---- Help and log ------------------------------------------------------------------------------

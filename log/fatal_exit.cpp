@@ -16,6 +16,7 @@ void qv::CallExitHandler(int32_t code) {
 }
 
 void qv::FatalExit(int32_t code) {
+  const ReportsWithoutMemory reports;
   Log(QVLOG_SEVERITY_ERROR, QVLOG_MSG_ABNORMAL_TERMINATE, "ABNORMAL_TERMINATE");
   CallExitHandler(code);
 }

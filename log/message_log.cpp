@@ -19,7 +19,6 @@ namespace qv {
 namespace {
 
 constexpr char kDefaultSource[] = "qvrt";
-constexpr char kDefaultFile[] = "qvlog.log";
 constexpr char kRootTag[] = "log";
 constexpr size_t kNumberBytes = 256;
 
@@ -32,11 +31,14 @@ struct LogParts {
 // Process-wide state.
 constinit QV_XML_FILE* g_logger = nullptr;
 constinit uint32_t g_creationGuard = 0;
-constinit uint32_t g_creator = 0;  // identity of who holds the creation guard
-constinit LogParts g_spare = {};   // for the log that opens itself; written by start-up
+constinit uint32_t g_creator = 0;          // identity of who holds the creation guard
+constinit uint32_t g_opener = 0;           // who takes memory for a log that opens itself: identity + 1
+constinit uint32_t g_withoutMemory = 0;    // ReportsWithoutMemory that live
+constinit QV_XML_FILE g_spareRecord = {};  // where a log may take no memory
+constinit char g_spareFileName[] = "qvlog.log";
 constinit uint32_t g_nextEntryId = 1;
 constinit uint32_t g_depthBetweenEntries = 1;  // of the present logger
-constinit time_t g_timeSecond = -1;            // the second that g_timeText names
+constinit time_t g_timeSecond = INT64_MIN;     // the second that g_timeText names
 constinit TimeText g_timeText = "";
 constinit bool g_timeIsFixed = false;  // in a child after fork
 
@@ -86,16 +88,41 @@ bool OpenLogGuarded(const LogParts& parts, const char* source, bool append) {
   return true;
 }
 
+void ReleaseLogParts(const LogParts& parts) {
+  if (parts.record == &g_spareRecord) return;
+  Release(parts.fileName);
+  Release(parts.record);
+}
+
+// Before the guard, by (2). A hook of the tool's that gives the memory may have something to log, and
+// would come here again.
+LogParts PartsOfFirstLog() {
+  const uint32_t me = SelfId() + 1;
+  if (LoadRelaxed(g_withoutMemory) != 0 || LoadRelaxed(g_opener) == me) {
+    return {&g_spareRecord, g_spareFileName};
+  }
+  StoreRelaxed(g_opener, me);
+  const LogParts parts = NewLogParts(g_spareFileName);
+  StoreRelaxed(g_opener, 0u);
+  return parts;
+}
+
+QV_COLD QV_XML_FILE* OpenFirstLogSlow() {
+  const LogParts parts = PartsOfFirstLog();
+  bool opened = false;
+  {
+    const CreationGuard guard;  // another thread, or the hook, may have opened it meanwhile
+    if (LoadAcquire(g_logger) == nullptr) opened = OpenLogGuarded(parts, kDefaultSource, false);
+  }
+  if (!opened) ReleaseLogParts(parts);
+  return LoadAcquire(g_logger);
+}
+
 // The logger, opened first if need be; null if it cannot be.
 QV_XML_FILE* EnsureLogger() {
-  QV_XML_FILE* log = LoadAcquire(g_logger);
+  QV_XML_FILE* const log = LoadAcquire(g_logger);
   if (QV_LIKELY(log != nullptr) || !Started() || CallerIsCreatingLog()) return log;
-  const CreationGuard guard;
-  log = LoadAcquire(g_logger);
-  if (log != nullptr) return log;  // another thread opened it while we waited
-  if (!OpenLogGuarded(g_spare, kDefaultSource, false)) return nullptr;
-  g_spare = {};
-  return g_logger;
+  return OpenFirstLogSlow();
 }
 
 // Calls use(log) with the logger's lock held. Without a logger, or inside an entry of the same thread
@@ -269,9 +296,8 @@ uint64_t Word(const char* format) { return reinterpret_cast<uint64_t>(format); }
 
 }  // namespace
 
-void PrepareLog() {
-  if (g_spare.record == nullptr) g_spare = NewLogParts(kDefaultFile);
-}
+ReportsWithoutMemory::ReportsWithoutMemory() { Increment(g_withoutMemory); }
+ReportsWithoutMemory::~ReportsWithoutMemory() { FetchAdd(g_withoutMemory, ~0u); }
 
 bool LoggerExists() { return LoadAcquire(g_logger) != nullptr; }
 
@@ -317,6 +343,7 @@ void LogError(const char* format, ...) {
 }
 
 void LogFatalToolDefect(const char* format, ...) {
+  const ReportsWithoutMemory reports;  // there may be none, and this is to be said all the same
   ArgumentList rest;
   va_start(rest.values, format);
   WriteLogMessage({QVLOG_SEVERITY_ERROR, QVLOG_MSG_INTERNAL, false, Word(format)}, rest);
@@ -335,6 +362,7 @@ void __QvLogInternal(uint32_t severity, uint32_t messageId, uint32_t noDisplay, 
 }
 
 void __QvLogFatalToolDefect(const char* format, ...) {
+  const qv::ReportsWithoutMemory reports;
   qv::ArgumentList rest;
   va_start(rest.values, format);
   qv::WriteLogMessage({QVLOG_SEVERITY_ERROR, QVLOG_MSG_INTERNAL, false, qv::Word(format)}, rest);
@@ -349,8 +377,7 @@ uint32_t __QvCreateLogger(const char* source, const char* fileName, uint32_t app
     const qv::CreationGuard guard;
     if (qv::OpenLogGuarded(parts, source, append != 0)) return 1;
   }
-  qv::Release(parts.fileName);
-  qv::Release(parts.record);
+  qv::ReleaseLogParts(parts);
   return 0;
 }
 

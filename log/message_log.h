@@ -12,8 +12,8 @@
 //      belongs to the thread that holds the creation guard.
 //  (2) Whoever holds the creation guard allocates nothing and takes no ranked lock but that of a former
 //      log, whose holder waits for nobody; so it never waits for a thread that wants to log while it
-//      holds a lock of the memory manager. The record and the name of the log that opens itself are
-//      taken at start-up; a tool's CreateLogger takes its own before the guard.
+//      holds a lock of the memory manager. The record and the name are taken before the guard; what
+//      the memory manager itself reports opens the log in a record of the image's.
 //  (3) An entry is written under the file's spin lock (rank kLog) and flushed before that is released.
 //      Writing allocates nothing from this library and calls nothing that logs.
 //  (4) The sequence number and the cached time text change under the lock of the present logger. A new
@@ -31,8 +31,6 @@
 
 namespace qv {
 
-// Takes the memory with which the log can open itself later, under any lock. Called by start-up.
-void PrepareLog();
 bool LoggerExists();
 
 using TimeText = char[26];  // what asctime_r fills

@@ -160,7 +160,7 @@ uint32_t __QvRegisterLogMessage(const QVLOG_MESSAGE* message) { return qv::Regis
 
 uint32_t __QvRegisterInternalQVRTLogMessages() {
   qv::StoreRelaxed(qv::g_internalAttempted, 1u);
-  return qv::LoadRelaxed(QVLOG_MSG_ABNORMAL_TERMINATE) != 0 || qv::RegisterInternals();
+  return qv::RegisterInternals();
 }
 
 uint32_t __QvGetLoggerHandle(const char* sourceName) {

@@ -95,6 +95,7 @@ void RunCollectors() {
 
 // Runs the collectors; the slab bytes that they released. Allocator lock held.
 uint64_t CollectMemory() {
+  const ReportsWithoutMemory reports;
   WarnOfCollectionOnce();
   const uint64_t before = TotalMemoryAllocated();
   if (StatisticsEnabled()) {
@@ -128,6 +129,7 @@ void CheckSwapWatermark() {
 // Gives back one reserve after the other until the hook can give the bytes; null when all are gone.
 // Allocator lock held.
 void* TradeReservesFor(uint64_t bytes) {
+  const ReportsWithoutMemory reports;
   void* block = nullptr;
   StoreRelaxed(g_freeingReserves, 1u);
   while (block == nullptr && g_reserves != nullptr) {
@@ -209,6 +211,7 @@ void* AcquireMemoryForMalloc(uint64_t bytes) {
 }
 
 void ReportMemoryShortage(Shortage shortage) {
+  const ReportsWithoutMemory reports;
   const bool tight = shortage == Shortage::kTight;
   if (tight && LoadRelaxed(g_tightWarningPending) == 0) return;
   if (!tight && ReportedOutOfMemoryBefore(reinterpret_cast<uint64_t>(__builtin_frame_address(0))))
@@ -242,6 +245,7 @@ void TakeReserves(uint32_t count) {
 
 // The engine's request came from inside the allocate hook: the lock is held already.
 void CollectForEngine(uint64_t bytesWanted) {
+  const ReportsWithoutMemory reports;
   if (!StatisticsEnabled()) {
     CollectMemory();
     return;
@@ -253,6 +257,7 @@ void CollectForEngine(uint64_t bytesWanted) {
 
 // Check lock held.
 void ProveMemory(uint32_t bytesToReserve) {
+  const ReportsWithoutMemory reports;
   const uint32_t probeBytes =
       ((bytesToReserve + kProbeGranuleBytes + 15) & ~(kProbeGranuleBytes - 1)) - 16;
   uint32_t warned = 0;

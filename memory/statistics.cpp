@@ -79,6 +79,7 @@ void CountSlabAcquired(uint32_t category, uint64_t slabBytes) {
   StoreRelaxed(g_totalMemoryAllocated, g_totalMemoryAllocated + slabBytes);
   RecordPeakLocked(g_totalMemoryAllocated);
   if (++g_slabsAcquired % kSlabsBetweenDumps != 0) return;
+  const ReportsWithoutMemory reports;
   LogComment("Periodic allocation status dump");
   LogCategories("Allocation status for %-25s:%15ld");
 }

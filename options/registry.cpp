@@ -155,7 +155,6 @@ void ReleaseOption(OptionRecord& record) {
   record.isAppend = 0;
   record.defaultValue = {};
   record.setValue = {};
-  record.argumentCount = 0;
   record.lastValue = nullptr;
   record.flags = 0;
   record.validArguments = nullptr;

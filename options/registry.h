@@ -21,7 +21,8 @@
 //      nobody, and a released one to nobody either, not even to the parser id 0xFFFFFFFF it then holds.
 //  (3) currentValue is &defaultValue, or &setValue once the option was set.
 //  (4) The values of a set append option are setValue, setValue.next, ... up to lastValue, and
-//      argumentCount is their number. Any other option has at most the one value.
+//      argumentCount is their number, which a released record goes on telling. Any other option has at
+//      most the one value.
 //  (5) Only string and path options are append options. An append, boolean or path option has no valid
 //      arguments.
 // No lock is taken. Threads that each keep to a parser of their own do not disturb one another: what

@@ -5,10 +5,9 @@ namespace qv {
 namespace {
 
 bool OwnsNothing(const OptionRecord& record) {
-  return record.name == nullptr && record.description == nullptr && record.argumentCount == 0 &&
-         record.lastValue == nullptr && record.validArguments == nullptr &&
-         record.defaultValue.stringValue == nullptr && record.setValue.stringValue == nullptr &&
-         record.setValue.next == nullptr;
+  return record.name == nullptr && record.description == nullptr && record.lastValue == nullptr &&
+         record.validArguments == nullptr && record.defaultValue.stringValue == nullptr &&
+         record.setValue.stringValue == nullptr && record.setValue.next == nullptr;
 }
 
 const char* ValidateAppendValues(const OptionRecord& record) {

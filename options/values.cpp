@@ -16,18 +16,20 @@ const char* IndexedString(const OptionRecord& record, uint32_t index) {
   return node == nullptr ? nullptr : node->stringValue;
 }
 
-// argumentCount is read again after every call: a callback that releases the parser leaves 0 there, and
-// then no node is looked at any more; one that adds a value has it visited too.
-void ProcessAppendValues(const OptionRecord& record, QV_OPTION_VALUE_CALLBACK callback, void* context) {
-  const OptionValueNode* node = &record.setValue;
-  for (uint32_t visited = 0; visited < record.argumentCount; visited++) {
-    if (visited != 0) node = node->next;
+// All is looked at again for each value: a callback that adds one has it visited too, and one that
+// releases the parser has left no values to go on with, which is a defect of the tool.
+void ProcessAppendValues(uint32_t parser, uint32_t option, QV_OPTION_VALUE_CALLBACK callback,
+                         void* context) {
+  const OptionValueNode* node = nullptr;
+  for (uint32_t visited = 0; visited < g_optionTables.options[option].argumentCount; visited++) {
+    const OptionRecord& record = RequireOption(parser, option);
+    node = node == nullptr ? &record.setValue : node->next;
     callback(node->stringValue, context);
   }
 }
 
-OptionRecord& RequireAppendOption(uint32_t parser, uint32_t option) {
-  OptionRecord* const record = FindOption(parser, option);
+void RequireAppendOption(uint32_t parser, uint32_t option) {
+  const OptionRecord* const record = FindOption(parser, option);
   if (record == nullptr) {
     LogFatalToolDefect(
         "A valid option id and parser id must be specified to check if an option is sets");
@@ -35,7 +37,6 @@ OptionRecord& RequireAppendOption(uint32_t parser, uint32_t option) {
   if (record->isAppend == 0) {
     LogFatalToolDefect("A iterator can be applied only to string and path append options.");
   }
-  return *record;
 }
 
 }  // namespace
@@ -75,8 +76,8 @@ const char* __QvGetPathOptionArgumentValue(uint32_t parser, uint32_t option, uin
 
 void __QvProcessAppendOptionValues(uint32_t parser, uint32_t option, QV_OPTION_VALUE_CALLBACK callback,
                                    void* context) {
-  const qv::OptionRecord& record = qv::RequireAppendOption(parser, option);
-  if (callback != nullptr) qv::ProcessAppendValues(record, callback, context);
+  qv::RequireAppendOption(parser, option);
+  if (callback != nullptr) qv::ProcessAppendValues(parser, option, callback, context);
 }
 
 int32_t __QvIsOptionSet(uint32_t parser, uint32_t option) {

@@ -5,7 +5,6 @@
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
-#include "log/message_log.h"
 #include "runtime/waiter.h"
 
 constinit int32_t __qvRtStarted = 0;
@@ -27,7 +26,6 @@ uint32_t __QvRtStartup() {
   if (qv::LoadRelaxed(__qvRtStarted) == 0) {
     qv::StoreRelaxed(__qvNumberOfProcessors, get_nprocs());
     __QvRegisterInternalQVRTLogMessages();  // started even if this failed: the log then writes comments
-    qv::PrepareLog();
     qv::StoreRelease(__qvRtStarted, 1);
   }
   return QV_STARTUP_RESULT;

@@ -93,9 +93,13 @@ void ReduceHyphens(char* text) {
   *out = 0;
 }
 
-// What is buffered can be written and the descriptor is ours to close; else a close would lose both the
-// bytes and the stream.
-bool CanClose(FILE* stream) { return fflush(stream) == 0 && fcntl(fileno(stream), F_GETFD) != -1; }
+// What is buffered can be written and the descriptor, if there is one, is ours to close; else a close
+// would lose both the bytes and the stream.
+bool CanClose(FILE* stream) {
+  if (fflush(stream) != 0) return false;
+  const int descriptor = fileno(stream);
+  return descriptor == -1 || fcntl(descriptor, F_GETFD) != -1;
+}
 
 void DestroyXmlFile(QV_XML_FILE** file) {
   Release((*file)->fileName);

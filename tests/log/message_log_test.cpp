@@ -359,6 +359,42 @@ TEST(LazyOpening, ByOutOfMemoryItself) {
   EXPECT_EQ(ReadLog(child.Read("qvlog.log")).Brief(), kEnd);
 }
 
+// The record is asked for by the first entry, not before; and where the hook itself has the first thing
+// to say, for as often as it is called, the log opens without it.
+TEST(LazyOpening, TheFirstEntryTakesTheRecord) {
+  const ChildResult child = RunChild([] {
+    static int records = 0;
+    InstallScriptedHost();
+    Script().onAllocate = [](uint64_t bytes) { records += bytes >= sizeof(QV_XML_FILE); };
+    __QvRtStartup();
+    CHECK_EQ(records, 0);
+    Comment("first");
+    CHECK_EQ(records, 1);
+    Comment("second");
+    CHECK_EQ(records, 1);
+  });
+  EXPECT_TRUE(child.Ok()) << child.err;
+  EXPECT_EQ(ReadLog(child.Read("qvlog.log")).Brief(), "# first\n# second\n");
+}
+
+TEST(LazyOpening, ByTheAllocateHook) {
+  for (const bool identifyThreads : {true, false}) {
+    const ChildResult child = RunChild(
+        [identifyThreads] {
+          InstallScriptedHost({}, identifyThreads);
+          Script().onAllocate = [](uint64_t) { Comment("the hook"); };
+          __QvRtStartup();
+          Comment("first");
+        },
+        20);
+    EXPECT_TRUE(child.Ok()) << child.err;
+    const LogText log = ReadLog(child.Read("qvlog.log"));
+    EXPECT_TRUE(log.Whole());
+    EXPECT_GE(log.Count("# the hook"), 1);
+    EXPECT_EQ(log.Count("# first"), 1);
+  }
+}
+
 // ---- A killed process --------------------------------------------------------------------------------
 
 TEST(MessageLog, EveryReturnedEntrySurvivesSigkill) {

@@ -298,6 +298,16 @@ TEST(XmlFile, AFailedCloseKeepsTheRecord) {
     CHECK(file == nullptr);
     CHECK(Contents("file") == kHeader + "\n<e>1</e>");
 
+    char* text = nullptr;
+    size_t length = 0;
+    file = __QvXMLCreateFile("file", 0);
+    fclose(file->stream);
+    file->stream = open_memstream(&text, &length);  // has no descriptor that could be wrong
+    __QvXMLWriteDecimalElement(file, "e", 1);
+    __QvXMLCloseFile(&file);
+    CHECK(file == nullptr && std::string(text) == "\n<e>1</e>");
+    free(text);
+
     file = __QvXMLCreateFile("/dev/full", 1);
     __QvXMLWriteDecimalElement(file, "e", 1);
     __QvXMLCloseFile(&file);
