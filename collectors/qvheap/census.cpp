@@ -147,6 +147,7 @@ void ThreadEnded(void* argument) {
   EndLooks(record);
   const SpinGuard guard(g_censusLock);
   record.mayOwe = 0;
+  record.wayEnds = 0;  // so that each later allocation settles, too
   Settle(record);
   UnlinkRunningLocked(record);
   LinkEndedLocked(record);

@@ -30,7 +30,7 @@ struct Stack : StackHead {
   void* frames[kMostFrames];  // innermost first
 };
 
-// What a site keeps: six bytes a frame, since no address of a program has more.
+// What a site keeps: six bytes a frame, since no address has more (IsAddress).
 inline constexpr uint32_t kPackedFrameBytes = 6;
 struct PackedStack : StackHead {
   uint8_t frames[1];  // as many as it needs, and two bytes that a reader of the last one reads, too

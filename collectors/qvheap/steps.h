@@ -14,6 +14,9 @@ struct Frame {
 
 QVHEAP_INLINE uint64_t WordAt(uint64_t address) { return *reinterpret_cast<const uint64_t*>(address); }
 
+// Whether it can be code's: what is read where a stack ends, or where its tables are wrong, may be any word.
+QVHEAP_INLINE bool IsAddress(uint64_t pc) { return pc - 1 < (uint64_t{1} << 47) - 1; }
+
 // The caller of the function whose frame address it is.
 QVHEAP_INLINE Frame FrameAt(const uint64_t* frameAddress) {
   return {frameAddress[1], reinterpret_cast<uint64_t>(frameAddress + 2), frameAddress[0], false};

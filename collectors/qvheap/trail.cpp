@@ -46,7 +46,7 @@ class Walk : NonCopyable {
     return {frame.isInterrupted ? kInterruptedRsp : frame.rsp, frame.pc, rule, 0};
   }
 
-  bool IsEnough() const { return found_ == count_ || frame_.pc == 0; }
+  bool IsEnough() const { return found_ == count_ || !IsAddress(frame_.pc); }
 
   bool IsOnTrail(uint32_t at) const {
     const Step& step = trail_.steps[at];
@@ -122,7 +122,7 @@ class Walk : NonCopyable {
     const Step& step = trail_.steps[at_];
     frame_ = {step.pc, step.rsp, Rbp(), false};
     frames_[found_++] = reinterpret_cast<void*>(step.pc);
-    if (!LeaveFrame(step.rule) || frame_.pc == 0) return false;
+    if (!LeaveFrame(step.rule) || !IsAddress(frame_.pc)) return false;
     rbpAt_ = ++at_;
     return true;
   }

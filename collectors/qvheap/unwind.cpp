@@ -19,7 +19,7 @@ namespace {
 
 int Walk(void** frames, int count, Frame frame) {
   int found = 0;
-  while (found < count && frame.pc != 0) {
+  while (found < count && IsAddress(frame.pc)) {
     frames[found++] = reinterpret_cast<void*>(frame.pc);
     if (!Leave(frame, RuleFor(frame))) break;
   }

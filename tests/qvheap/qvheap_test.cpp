@@ -151,6 +151,16 @@ TEST(Qvheap, ThreadsThatComeAndGoAreSummedUpAndNothingIsLost) {
   ExpectAgreement(Sum(report), report.process, "process against the sum of its threads");
 }
 
+TEST(Qvheap, WhatThreadsAllocateAtTheirVeryEndIsInThePeak) {
+  const ChildResult child = Count("late 1000");
+  ASSERT_EQ(child.status, 0) << child.err;
+  const Report report = ReadReport(child.Read(OnlyFileLike(child, "qvheap\\..*")));
+  const uint64_t tolerance = report.process.at("peakToleranceBytes");
+  EXPECT_EQ(tolerance, 2 * 8192u);
+  EXPECT_GE(report.process.at("peakBytes") + tolerance, 7000000u);
+  EXPECT_LE(report.process.at("peakBytes"), 7000000 + report.process.at("liveBytes") + tolerance);
+}
+
 TEST(Qvheap, AForkedChildCountsAfreshAndAnExecutedProgramTakesOver) {
   const ChildResult forked = Count("fork 3");
   ASSERT_EQ(forked.status, 0) << forked.err;

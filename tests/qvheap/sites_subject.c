@@ -16,6 +16,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 enum { kSites = 10, kBlocks = 400 };
@@ -298,6 +299,25 @@ static void RunStacks(void) {
   pthread_join(thread, NULL);
 }
 
+/* ---- A coroutine whose stack begins, as of some it does, with a word that is no address */
+
+static ucontext_t g_main, g_coroutine;
+
+static void AllocateAndLeave(void) {
+  for (int i = 0; i < 1000; i++) free(Site0(40));
+  setcontext(&g_main);
+}
+
+static void RunCoroutine(void) {
+  static char stack[1 << 16];
+  getcontext(&g_coroutine);
+  g_coroutine.uc_stack.ss_sp = stack;
+  g_coroutine.uc_stack.ss_size = sizeof stack;
+  makecontext(&g_coroutine, AllocateAndLeave, 0);
+  *(uint64_t*)g_coroutine.uc_mcontext.gregs[REG_RSP] = 0xDEADDEADDEADDEAD;
+  swapcontext(&g_main, &g_coroutine);
+}
+
 /* ---- A site for each way down a tree of calls */
 
 __attribute__((noinline)) static void Branch(int depth) {
@@ -318,6 +338,7 @@ int main(int count, char** arguments) {
   if (strcmp(mode, "lifetimes") == 0) RunLifetimes();
   if (strcmp(mode, "threads") == 0) RunThreads();
   if (strcmp(mode, "stacks") == 0) RunStacks();
+  if (strcmp(mode, "coroutine") == 0) RunCoroutine();
   if (strcmp(mode, "branches") == 0) Branch(16);
   for (int i = 2; strcmp(mode, "images") == 0 && i < count; i++) UseImage(arguments[i]);
   WriteLog();

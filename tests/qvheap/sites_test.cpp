@@ -201,6 +201,15 @@ TEST(QvheapSites, NoStackIsTakenForTheOneBefore) {
   }
 }
 
+TEST(QvheapSites, AStackEndsAtAWordThatIsNoAddress) {
+  const ChildResult child = RunSites("-exact", "coroutine");
+  ASSERT_EQ(child.status, 0) << child.err;
+  const Results results = ResultsOf(child);
+  const auto isOurs = [](const ResultsSite& site) { return site.figures.at("allocations") >= 1000; };
+  EXPECT_EQ(std::count_if(results.sites.begin(), results.sites.end(), isOurs), 1);
+  EXPECT_LT(results.sites.size(), 20u);
+}
+
 TEST(QvheapSites, TheLibrarysCaptureIsBoundToTheCollectorsUnwinder) {
   const ChildResult child = Shell("LD_DEBUG=bindings exec " QVHEAP " -quiet -- " SITES_SUBJECT " none");
   EXPECT_NE(child.err.find("/libqvrt12.so [0] to " COLLECTOR " [0]: normal symbol `backtrace'"),

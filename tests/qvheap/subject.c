@@ -277,6 +277,32 @@ static void RunManyThreads(int count) {
   free(block);
 }
 
+/* Threads that allocate at their very end, in the destructor of a key that is younger than any
+ * collector's; all of it is released by the first thread. */
+static pthread_key_t g_lateKey;
+static void* g_late[1000];
+static int g_lateCount;
+
+static void AllocateLate(void* argument) {
+  (void)argument;
+  g_late[g_lateCount++] = malloc(7000); /* one thread at a time */
+}
+
+static void* SetLateKey(void* argument) {
+  pthread_setspecific(g_lateKey, g_late);
+  return AllocateOnce(argument);
+}
+
+static void RunLateThreads(int count) {
+  pthread_key_create(&g_lateKey, AllocateLate);
+  for (int i = 0; i < count; i++) {
+    pthread_t thread;
+    pthread_create(&thread, NULL, SetLateKey, NULL);
+    pthread_join(thread, NULL);
+  }
+  for (int i = 0; i < g_lateCount; i++) free(g_late[i]);
+}
+
 /* ---- Fork */
 
 static int StatusOf(pid_t child) {
@@ -416,6 +442,7 @@ int main(int count, char** arguments) {
   if (strcmp(mode, "random") == 0) RunRandom(seed, 20000);
   if (strcmp(mode, "threads") == 0) RunThreads(seed);
   if (strcmp(mode, "many") == 0) RunManyThreads((int)seed);
+  if (strcmp(mode, "late") == 0) RunLateThreads((int)seed);
   if (strcmp(mode, "fork") == 0) RunFork(seed);
   if (strcmp(mode, "forks") == 0) RunForksAmongThreads((int)seed);
   if (strcmp(mode, "storm") == 0) RunStorm((int)seed);
