@@ -15,6 +15,7 @@ void LogComment(const char* format, ...) __attribute__((format(printf, 1, 2))); 
 void LogError(const char* format, ...) __attribute__((format(printf, 1, 2)));    // INTERNAL
 [[noreturn]] QV_COLD void LogFatalToolDefect(const char* format, ...)
     __attribute__((format(printf, 1, 2)));
+
 // While one lives, a log that has to be opened takes no memory from this library. The memory manager's
 // own reports come under its locks, or when there is nothing left.
 class ReportsWithoutMemory : NonCopyable {
@@ -22,6 +23,7 @@ class ReportsWithoutMemory : NonCopyable {
   ReportsWithoutMemory();
   ~ReportsWithoutMemory();
 };
+
 [[noreturn]] QV_COLD void FatalExit(int32_t code);
 [[noreturn]] QV_COLD void CallExitHandler(int32_t code);
 

@@ -43,9 +43,9 @@ struct PackedStack : StackHead {
 };
 
 void SetEpoch(Stack& stack, uint32_t epoch);
+struct Trail;
 // From the return address at `call` on, which is the wrapper's; along the trail, if there is one. The
 // caller is Looking.
-struct Trail;
 void CaptureStack(Stack& stack, uint32_t epoch, void** call, Trail* trail);
 
 }  // namespace qvheap

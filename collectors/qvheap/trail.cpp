@@ -32,7 +32,7 @@ class Walk : NonCopyable {
     }
     if (freshCount_ != 0) {
       PutFresh(isOnTrail);
-    } else {
+    } else if (isOnTrail) {
       trail_.first = met_;
     }
     hash = Hash();

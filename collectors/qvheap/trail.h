@@ -9,7 +9,7 @@
 // the word below that is compared with the return address on the trail. This is one load and one
 // comparison for each frame, of which none waits for the one before. (A frame that is found by rbp
 // takes a step proper, and the result is compared.) A return address that has changed is put on the
-// trail; where even the frames have, the rest of the trail is dropped, and the walk goes on by itself.
+// trail; where even the frames have, the walk goes by itself again until it meets the trail further out.
 //
 // So a walk with a trail finds what a walk without one would: it reads the same words of the stack, and
 // the trail only spares it what follows from them.
@@ -54,8 +54,8 @@ struct Trail {
 };
 
 // Return addresses from the one at `call` on, which is a call's on the calling thread's stack; at most
-// kMostAlongTrail; and their hash. The walk begins there, not in the calling function, whose frame address is given for
-// the case that a frame is found by what rbp was at the call.
+// kMostAlongTrail; and their hash. The walk begins there, not in the calling function, whose frame
+// address is given for the case that a frame is found by what rbp was at the call.
 int UnwindAlong(Trail& trail, void** frames, int count, const uint64_t* call,
                 const uint64_t* frameAddress, uint64_t& hash);
 

@@ -49,6 +49,12 @@ TEST(Registry, InternalMessagesFollowTheToolsInTheirOrder) {
     for (const uint32_t* id : kInternalIds) {
       __QvLogInternal(1, *id, 0, QVLOG_ARG_STRING, "v", QVLOG_ARG_STRING, "w");
     }
+    CHECK_EQ(__QvRegisterInternalQVRTLogMessages(), 1u);  // anew
+    CHECK_EQ(QVLOG_MSG_ABNORMAL_TERMINATE >= 16 && QVLOG_MSG_ABNORMAL_TERMINATE < 28, true);
+    for (uint32_t id = 28; id < 128; id++) CHECK_EQ(Register("FILLER"), id);
+    const uint32_t before = QVLOG_MSG_ABNORMAL_TERMINATE;
+    CHECK_EQ(__QvRegisterInternalQVRTLogMessages(), 0u);
+    CHECK_EQ(QVLOG_MSG_ABNORMAL_TERMINATE, before);
   });
   EXPECT_TRUE(child.Ok()) << child.err;
   EXPECT_EQ(
